@@ -1,0 +1,42 @@
+#include "api/routes.h"
+
+#include <string>
+
+#include "log/log_buffer.h"
+
+namespace orvel {
+
+namespace {
+
+// A route either returns the body of an ordinary 200 answer (`answer`) or
+// writes its whole response itself on the socket (`stream`).
+struct Route {
+  std::string_view method;
+  std::string_view path;
+  std::string_view contentType;
+  std::string (*answer)(const std::string& body);
+  void (*stream)(SocketHandle socket, const std::string& body);
+};
+
+const Route kRoutes[] = {
+    {"GET", "/ping", "text/plain", [](const std::string&) { return std::string("pong"); }, nullptr},
+    {"GET", "/logs", "text/plain", [](const std::string&) { return HelperLog().Snapshot(); },
+     nullptr},
+};
+
+}  // namespace
+
+void DispatchRequest(SocketHandle socket, const HttpRequest& request) {
+  for (const Route& route : kRoutes) {
+    if (request.method != route.method || request.path != route.path) continue;
+    if (route.stream != nullptr) {
+      route.stream(socket, request.body);
+    } else {
+      SendResponse(socket, route.contentType, route.answer(request.body), 200, "OK");
+    }
+    return;
+  }
+  SendResponse(socket, "text/plain", "not found", 404, "Not Found");
+}
+
+}  // namespace orvel

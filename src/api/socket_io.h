@@ -1,0 +1,19 @@
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+namespace orvel {
+
+// A connected socket as the platform knows it (a Winsock SOCKET on Windows).
+using SocketHandle = std::uintptr_t;
+
+// One send call with the whole text; the result is ignored and a partial send
+// is not continued (answers are small and the client reads to end-of-stream).
+void SendBytes(SocketHandle socket, std::string_view bytes);
+
+// Writes one complete HTTP/1.1 response; does not close the socket.
+void SendResponse(SocketHandle socket, std::string_view contentType, std::string_view body,
+                  int status, std::string_view reason);
+
+}  // namespace orvel

@@ -1,0 +1,47 @@
+#include <windows.h>
+// windows.h first: objbase.h depends on it.
+#include <objbase.h>
+
+#include <string>
+
+#include "api/control_server.h"
+#include "entry/service_host.h"
+
+namespace {
+
+DWORD RunHelper(const std::wstring& commandLine) {
+  // A plain substring search: "--install-service" anywhere selects installer
+  // mode, and nothing else runs then (no log line, no mutex, no server).
+  if (commandLine.find(L"--install-service") != std::wstring::npos) {
+    return static_cast<DWORD>(orvel::InstallService());
+  }
+
+  SERVICE_TABLE_ENTRYW dispatchTable[] = {
+      {const_cast<LPWSTR>(orvel::kServiceName), orvel::ServiceMain},
+      {nullptr, nullptr},
+  };
+  if (StartServiceCtrlDispatcherW(dispatchTable)) return 0;
+  if (GetLastError() != ERROR_FAILED_SERVICE_CONTROLLER_CONNECT) return 0;
+
+  // Stand-alone mode: one instance per session of the named mutex.
+  HANDLE singleton = CreateMutexW(nullptr, TRUE, L"OrvelVpnHelperSingletonV2");
+  if (singleton == nullptr) return 0;
+  if (GetLastError() == ERROR_ALREADY_EXISTS) return 0;  // process exit releases the handle
+
+  CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+  const int result = orvel::RunControlServer();
+  // Reached only when the listener could not be set up.
+  orvel::RestoreProxyThenStopCore();
+  CoUninitialize();
+  CloseHandle(singleton);
+  return static_cast<DWORD>(result);
+}
+
+}  // namespace
+
+int WINAPI wWinMain(HINSTANCE, HINSTANCE, PWSTR commandLine, int) {
+  // Load system DLLs only from System32: the helper may run as LocalSystem,
+  // and a DLL planted in the current folder must never be picked up.
+  SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32);
+  return static_cast<int>(RunHelper(commandLine != nullptr ? commandLine : L""));
+}

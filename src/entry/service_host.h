@@ -1,0 +1,21 @@
+#pragma once
+
+#include <windows.h>
+
+namespace orvel {
+
+constexpr const wchar_t* kServiceName = L"OrvelVpnHelperService";
+
+// Installs or updates the service registration for this executable's current
+// path. 0 done, 1 no module path, 2 no Service Control Manager, 3 the service
+// could be neither created nor opened.
+int InstallService();
+
+// The service entry handed to the dispatcher.
+void WINAPI ServiceMain(DWORD argc, LPWSTR* argv);
+
+// Puts the user's proxy settings back, then stops the core. Shared by the
+// service stop and the stand-alone listener failure path.
+void RestoreProxyThenStopCore();
+
+}  // namespace orvel

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstddef>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+namespace orvel {
+
+constexpr std::size_t kMaxLogMessageBytes = 1200;
+constexpr std::size_t kLogCapacityBytes = 65536;
+
+struct LocalTime {
+  int year = 0;
+  int month = 0;
+  int day = 0;
+  int hour = 0;
+  int minute = 0;
+  int second = 0;
+};
+
+// Reads the wall clock in local time (platform file).
+LocalTime ReadLocalTime();
+
+// "[YYYY-MM-DD hh:mm:ss] " + message (cut to 1200 bytes plus "...") + "\r\n".
+std::string FormatLogLine(const LocalTime& time, std::string_view message);
+
+// The helper's only diagnostic log: the most recent 64 KiB of lines, in memory.
+// The cut when trimming is by bytes, so the text may start inside a line.
+struct LogBuffer {
+  std::mutex lock;
+  std::string text;
+
+  void Append(std::string_view message);
+  void AppendAt(const LocalTime& time, std::string_view message);
+  std::string Snapshot();
+};
+
+// The process-wide log that every subsystem writes to and "/logs" returns.
+LogBuffer& HelperLog();
+
+}  // namespace orvel
