@@ -12,6 +12,11 @@ int RunCoreMode(const std::vector<std::wstring>& args);
 // sing-box --disable-color -c FILE tools -o TAG fetch URL
 int RunToolsMode(const std::vector<std::wstring>& args);
 
+// Serves the controller of the core on the address that the configuration
+// names under experimental.clash_api.external_controller, on background
+// threads; does nothing when the configuration names none.
+void StartControllerIfConfigured(const std::string& configText);
+
 // Whole file as bytes, "" when unreadable.
 std::string ReadWholeFile(const std::wstring& path);
 // Command line, working directory and the three core variables, for tests to
