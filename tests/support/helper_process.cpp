@@ -111,12 +111,20 @@ void KillProcessesNamed(const wchar_t* exeName) {
 }
 
 // Wine's StartServiceCtrlDispatcherW opens the control pipe of the service
-// named by this volatile key (the last one Wine started) and, finding it
-// busy, waits 10 s before failing with 1063. Windows fails at once. Removing
-// the key gives the Windows timing; services.exe writes it anew on the next
-// service start.
+// named by this volatile value (the last one Wine started) and, finding that
+// pipe busy, waits 10 s before failing with 1063; Windows fails at once.
+// Pointing the value at a pipe that does not exist gives the Windows timing.
+// The key itself must stay: services.exe keeps it open and writes the value
+// anew for every service it starts.
 void ForgetLastStartedService() {
-  RegDeleteKeyW(HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Control\\ServiceCurrent");
+  HKEY key = nullptr;
+  if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Control\\ServiceCurrent", 0,
+                    KEY_SET_VALUE, &key) != ERROR_SUCCESS) {
+    return;
+  }
+  const DWORD unused = 0xFFFFFFF0;
+  RegSetValueExW(key, nullptr, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&unused), sizeof(unused));
+  RegCloseKey(key);
 }
 
 bool ScopedHelper::Start(const HelperOptions& options) {
