@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "core/vpn_commands.h"
 #include "log/log_buffer.h"
 
 namespace orvel {
@@ -20,6 +21,11 @@ struct Route {
 
 const Route kRoutes[] = {
     {"GET", "/ping", "text/plain", [](const std::string&) { return std::string("pong"); }, nullptr},
+    {"GET", "/status", "application/json", [](const std::string&) { return HandleStatus(); },
+     nullptr},
+    {"POST", "/start", "application/json", HandleStart, nullptr},
+    {"POST", "/start-tun", "application/json", HandleStartTun, nullptr},
+    {"POST", "/stop", "application/json", [](const std::string&) { return HandleStop(); }, nullptr},
     {"GET", "/logs", "text/plain", [](const std::string&) { return HelperLog().Snapshot(); },
      nullptr},
 };

@@ -1,10 +1,14 @@
+#include "core/core_process.h"
 #include "entry/service_host.h"
+#include "sysproxy/system_proxy.h"
 
 namespace orvel {
 
 void RestoreProxyThenStopCore() {
-  // The system proxy and the core arrive with the VPN commands; until then
-  // there is nothing to put back.
+  // Nobody is left to tell about a failed restore.
+  std::string ignored;
+  RestoreSystemProxy(ignored);
+  StopCore();
 }
 
 }  // namespace orvel

@@ -1,0 +1,89 @@
+#include "core/vpn_commands.h"
+
+#include "api/json_text.h"
+#include "core/config_inspect.h"
+#include "core/core_process.h"
+#include "core/data_files.h"
+#include "core/paths.h"
+#include "log/log_buffer.h"
+#include "sysproxy/system_proxy.h"
+
+namespace orvel {
+
+namespace {
+
+std::string Disconnected(const std::string& message) {
+  return BuildStatusBody("disconnected", message);
+}
+
+// The steps both start commands share: refuse an empty body, put the user's
+// proxy back and stop any core (every start begins clean, also in the same
+// mode), write the configuration and start the core. True when the core
+// runs; otherwise `answer` holds the refusal.
+bool WriteConfigAndStartCore(const std::string& body, std::string& answer) {
+  if (body.empty()) {
+    // Nothing else happens: a running core keeps running.
+    answer = Disconnected("Empty subscription config or runtime config");
+    return false;
+  }
+  std::string errorMessage;
+  RestoreSystemProxy(errorMessage);
+  StopCore();
+
+  errorMessage.clear();
+  if (!CreateDirectoryTree(GetDataDirectory(), errorMessage)) {
+    answer = Disconnected(errorMessage);
+    return false;
+  }
+  const std::wstring configPath = GetCoreConfigPath();
+  if (!WriteWholeFile(configPath, body)) {
+    answer = Disconnected("Failed to write sing-box config");
+    return false;
+  }
+  if (!StartCore(configPath, errorMessage)) {
+    HelperLog().Append(errorMessage);
+    answer = Disconnected(errorMessage);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+std::string HandleStart(const std::string& body) {
+  std::string answer;
+  if (!WriteConfigAndStartCore(body, answer)) return answer;
+  std::string errorMessage;
+  if (!EnableSystemProxy(FindMixedInboundPort(body), errorMessage)) {
+    StopCore();
+    // A failing restore replaces the enable message with its own.
+    RestoreSystemProxy(errorMessage);
+    HelperLog().Append(errorMessage);
+    return Disconnected(errorMessage);
+  }
+  HelperLog().Append("VPN started through OrvelVpnHelper");
+  return BuildStatusBody("connected", "Windows helper connected");
+}
+
+std::string HandleStartTun(const std::string& body) {
+  std::string answer;
+  if (!WriteConfigAndStartCore(body, answer)) return answer;
+  HelperLog().Append("TUN VPN started through OrvelVpnHelperService");
+  return BuildStatusBody("connected", "Windows TUN helper connected");
+}
+
+std::string HandleStop() {
+  std::string errorMessage;
+  RestoreSystemProxy(errorMessage);
+  StopCore();
+  HelperLog().Append("VPN stopped through OrvelVpnHelper");
+  return Disconnected("Windows helper disconnected");
+}
+
+std::string HandleStatus() {
+  // Asked twice, once per field; the answers normally agree.
+  const char* message = IsCoreRunning() ? "Windows helper running" : "Windows helper idle";
+  return BuildStatusBody(IsCoreRunning() ? "connected" : "disconnected", message);
+}
+
+}  // namespace orvel
