@@ -55,11 +55,15 @@ const std::string kIdle = StatusBody("disconnected", "Windows helper idle");
 const std::string kEmptyBody =
     StatusBody("disconnected", "Empty subscription config or runtime config");
 
+std::string Logs() { return Request("GET", "/logs").body; }
 std::string Post(std::string_view path, std::string_view body = {}) {
-  return ExchangeRaw(BuildRequest("POST", path, body)).raw;
+  std::string raw = ExchangeRaw(BuildRequest("POST", path, body)).raw;
+  // Every command answers; silence means the helper is stuck, and its log
+  // tells how far it got.
+  if (raw.empty()) ADD_FAILURE() << "no answer to POST " << path << "; log:\n" << Logs();
+  return raw;
 }
 std::string Status() { return Request("GET", "/status").raw; }
-std::string Logs() { return Request("GET", "/logs").body; }
 bool LogHasLine(std::string_view message) {
   return Logs().find("] " + std::string(message) + "\r\n") != std::string::npos;
 }
