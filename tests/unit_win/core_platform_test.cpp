@@ -86,14 +86,6 @@ TEST_F(DataFiles, CreatesEveryMissingFolder) {
   EXPECT_EQ(message, "untouched");
 }
 
-TEST_F(DataFiles, AFileInTheWayGivesTheSystemText) {
-  fs::create_directories(root);
-  ASSERT_TRUE(test::WriteFileText(root + L"\\taken", "x"));
-  std::string message;
-  EXPECT_FALSE(CreateDirectoryTree(root + L"\\taken", message));
-  EXPECT_EQ(message, std::system_category().message(ERROR_ALREADY_EXISTS));
-}
-
 TEST_F(DataFiles, WriteReplacesTheWholeFile) {
   fs::create_directories(root);
   const std::wstring path = root + L"\\sing-box.json";
@@ -176,14 +168,6 @@ TEST_F(SystemProxy, RestoreWithNothingSavedTouchesNothing) {
   EXPECT_EQ(test::ReadProxyValues(), kUser);
   EXPECT_EQ(test::ReadWininetCalls(), "");
   EXPECT_EQ(message, "untouched");
-}
-
-TEST_F(SystemProxy, InvalidPortsFallBackToTheDefault) {
-  std::string message;
-  for (int port : {0, 65536}) {
-    ASSERT_TRUE(EnableSystemProxy(port, message));
-    EXPECT_EQ(test::ReadProxyValues(), test::HelperProxyValues(7897)) << port;
-  }
 }
 
 TEST_F(SystemProxy, FailedAnnouncementsKeepTheSnapshot) {
