@@ -4,6 +4,8 @@
 
 #include "core/vpn_commands.h"
 #include "log/log_buffer.h"
+#include "urltest/urltest_registry.h"
+#include "urltest/urltest_stream.h"
 
 namespace orvel {
 
@@ -26,6 +28,8 @@ const Route kRoutes[] = {
     {"POST", "/start", "application/json", HandleStart, nullptr},
     {"POST", "/start-tun", "application/json", HandleStartTun, nullptr},
     {"POST", "/stop", "application/json", [](const std::string&) { return HandleStop(); }, nullptr},
+    {"POST", "/urltest", "application/x-ndjson", nullptr, HandleUrlTest},
+    {"POST", "/cancel-urltest", "application/json", HandleCancelUrlTest, nullptr},
     {"GET", "/logs", "text/plain", [](const std::string&) { return HelperLog().Snapshot(); },
      nullptr},
 };

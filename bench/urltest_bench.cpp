@@ -1,0 +1,98 @@
+// Wall time of a URL test of 48 nodes that each answer after 200 ms, against
+// the ideal for 12 workers: ceil(48/12) rounds of (200 ms + one test process
+// start), the start measured in the same run by launching the same
+// sing-box.exe double directly with the same kind of command line. Also
+// prints how many test processes ran at the same moment (from the double's
+// records) and the delays the helper reported.
+#include <cstdio>
+#include <vector>
+
+#include "bench_stats.h"
+#include "support/helper_process.h"
+#include "support/http_client.h"
+#include "support/urltest_client.h"
+#include "urltest/urltest_body.h"
+
+using namespace orvel;
+
+namespace {
+
+constexpr int kNodes = 48;
+constexpr int kNodeDelayMs = 200;
+constexpr int kWorkers = 12;
+constexpr int kStartSamples = 20;
+constexpr int kRuns = 3;
+
+// One fetch that answers at once, launched and waited for by us.
+bench::Summary MeasureProcessStart(const std::wstring& core) {
+  std::vector<double> samples;
+  const std::wstring arguments =
+      L"--disable-color -c \"C:\\OrvelTest\\none.json\" tools -o \"probe\" fetch \"http://x/\"";
+  for (int i = 0; i < kStartSamples; ++i) {
+    const double start = bench::NowUs();
+    if (test::RunAndWait(core, arguments, 10000) == 0) samples.push_back(bench::NowUs() - start);
+  }
+  return bench::Summarize(samples);
+}
+
+std::string NodesBody() {
+  UrlTestRequest request;
+  request.requestId = "bench";
+  request.url = "http://cp.example.test/generate_204";
+  request.config = "{\"outbounds\":[]}";
+  for (int i = 1; i <= kNodes; ++i) {
+    // Appended piece by piece: GCC 12 warns falsely on "a" + to_string(i) + "b".
+    std::string tag = std::to_string(i);
+    tag += "-delay-";
+    tag += std::to_string(kNodeDelayMs);
+    request.nodeTags.push_back(tag);
+  }
+  return EncodeUrlTestBody(request, 2);
+}
+
+}  // namespace
+
+int main() {
+  test::ScopedHelper helper;
+  if (!helper.Start(test::CorePlacement::kBesideExe)) {
+    std::printf("helper did not start: %s\n", helper.error.c_str());
+    return 1;
+  }
+  const std::string body = NodesBody();
+  test::ClearFetchRecords();
+  test::RunUrlTest(body);  // warm-up: file cache, first thread creation
+  std::printf("URL test of %d nodes at %d ms each, %d workers, under Wine on this machine\n",
+              kNodes, kNodeDelayMs, kWorkers);
+  for (int run = 1; run <= kRuns; ++run) {
+    const bench::Summary start = MeasureProcessStart(helper.directory + L"\\sing-box.exe");
+    const double startMs = start.medianUs / 1000.0;
+    test::ClearFetchRecords();
+
+    const double began = bench::NowUs();
+    const test::UrlTestStream stream = test::RunUrlTest(body);
+    const double wallMs = (bench::NowUs() - began) / 1000.0;
+
+    std::vector<double> delaysUs;
+    int failed = 0;
+    for (const test::StreamLine& line : stream.lines) {
+      test::ResultLine result;
+      if (!test::ParseResultLine(line, result) || result.delayMs <= 0) {
+        ++failed;
+        continue;
+      }
+      delaysUs.push_back(static_cast<double>(result.delayMs) * 1000.0);
+    }
+    const bench::Summary delays = bench::Summarize(delaysUs);
+    const int rounds = (kNodes + kWorkers - 1) / kWorkers;
+    const double idealMs = rounds * (kNodeDelayMs + startMs);
+    std::printf(
+        "run %d\n  one process start: median %.1f ms, p99 %.1f ms (n=%zu)\n"
+        "  wall %.0f ms, ideal %d x (%d + %.1f) = %.0f ms, ratio %.2f\n"
+        "  lines %zu (failed %d), reported delay median %.0f ms, p99 %.0f ms\n"
+        "  test processes at once: at most %d\n",
+        run, startMs, start.p99Us / 1000.0, start.count, wallMs, rounds, kNodeDelayMs, startMs,
+        idealMs, wallMs / idealMs, stream.lines.size(), failed, delays.medianUs / 1000.0,
+        delays.p99Us / 1000.0, test::MaxRunningAtStart(test::ReadFetchRecords()));
+  }
+  return 0;
+}

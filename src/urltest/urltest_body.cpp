@@ -1,0 +1,88 @@
+#include "urltest/urltest_body.h"
+
+#include "api/json_text.h"
+#include "api/number_text.h"
+
+namespace orvel {
+
+namespace {
+
+// The decimal line at `pos`: its value, with `pos` moved past its line feed.
+bool ReadDecimalLine(std::string_view body, std::size_t& pos, std::uint32_t& value) {
+  const std::size_t lineEnd = body.find('\n', pos);
+  if (lineEnd == std::string_view::npos) return false;
+  // Only the bytes before the line feed count: an empty line is 0, not the
+  // number on the next line (a plain strtoul on the buffer would skip the
+  // line feed as white space and read on).
+  value = ParseUnsignedLong32(body.substr(pos, lineEnd - pos));
+  pos = lineEnd + 1;
+  return true;
+}
+
+void AppendField(std::string& body, std::string_view content) {
+  body += std::to_string(content.size());
+  body += '\n';
+  body += content;
+  body += '\n';
+}
+
+}  // namespace
+
+bool ReadLengthPrefixedField(std::string_view body, std::size_t& pos, std::string& out) {
+  if (pos >= body.size()) return false;
+  std::size_t start = pos;
+  std::uint32_t length = 0;
+  if (!ReadDecimalLine(body, start, length)) return false;
+  if (length > body.size() - start) return false;
+  out.assign(body.substr(start, length));
+  pos = start + length;
+  if (pos < body.size() && body[pos] == '\n') ++pos;
+  return true;
+}
+
+bool ParseUrlTestBody(std::string_view body, UrlTestRequest& request) {
+  std::size_t pos = kUrlTestMagicV2.size();
+  if (body.starts_with(kUrlTestMagicV2)) {
+    if (!ReadLengthPrefixedField(body, pos, request.requestId)) return false;
+  } else if (!body.starts_with(kUrlTestMagicV1)) {
+    return false;
+  }
+  if (!ReadLengthPrefixedField(body, pos, request.url)) return false;
+  std::uint32_t count = 0;
+  if (!ReadDecimalLine(body, pos, count)) return false;
+  std::string tag;
+  for (std::uint32_t i = 0; i < count; ++i) {
+    // A huge count cannot reserve anything: every field needs at least two
+    // bytes, so the loop ends at the body's end.
+    if (!ReadLengthPrefixedField(body, pos, tag)) return false;
+    if (!tag.empty()) request.nodeTags.push_back(tag);
+  }
+  return ReadLengthPrefixedField(body, pos, request.config);
+}
+
+std::string EncodeUrlTestBody(const UrlTestRequest& request, int version) {
+  std::string body(version == 1 ? kUrlTestMagicV1 : kUrlTestMagicV2);
+  if (version != 1) AppendField(body, request.requestId);
+  AppendField(body, request.url);
+  body += std::to_string(request.nodeTags.size());
+  body += '\n';
+  for (const std::string& tag : request.nodeTags) AppendField(body, tag);
+  AppendField(body, request.config);
+  return body;
+}
+
+std::string BuildUrlTestResultLine(std::string_view nodeTag, std::int32_t delayMs) {
+  std::string line = "{\"nodeTag\":\"";
+  line += JsonEscape(nodeTag);
+  line += "\",\"delayMs\":";
+  line += std::to_string(delayMs);
+  line += "}\n";
+  return line;
+}
+
+void AppendCapped(std::string& output, std::string_view chunk, std::size_t limit) {
+  if (output.size() >= limit) return;
+  output.append(chunk.substr(0, limit - output.size()));
+}
+
+}  // namespace orvel

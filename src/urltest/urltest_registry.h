@@ -1,0 +1,40 @@
+#pragma once
+
+// The process-wide record through which a cancel reaches a URL test that runs
+// on other threads: the request ids that carry a cancel mark and the test
+// processes running under each id. One lock guards both tables and is held
+// for the table operations only (never while terminating, waiting or logging).
+// Request ids are compared byte for byte; an empty id never matches anything.
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace orvel {
+
+// A process handle as the platform knows it (a HANDLE on Windows). The
+// registry never closes one: the runner that started the process owns it.
+using TestProcessHandle = void*;
+
+constexpr std::string_view kCancelAnswerCanceled = "{\"status\":\"canceled\"}";
+constexpr std::string_view kCancelAnswerIgnored = "{\"status\":\"ignored\"}";
+
+bool IsUrlTestCanceled(std::string_view requestId);
+// Drops the id's cancel mark and process list (a test with this id starts or ends).
+void ResetUrlTest(std::string_view requestId);
+void RegisterTestProcess(std::string_view requestId, TestProcessHandle process);
+// Removes every occurrence of `process`; the id's entry goes with its last process.
+void UnregisterTestProcess(std::string_view requestId, TestProcessHandle process);
+
+// Marks the id as cancelled and returns its running processes in start order,
+// each passed through `keep` while the lock is still held. A runner may close
+// its handle as soon as the lock is released, so `keep` is where the caller
+// takes a copy that stays valid (a duplicate); it may return null.
+std::vector<TestProcessHandle> MarkUrlTestCanceled(std::string_view requestId,
+                                                   TestProcessHandle (*keep)(TestProcessHandle));
+
+// "/cancel-urltest": the whole body is the request id, nothing trimmed.
+// Terminates the id's processes with exit code 1 and logs the count.
+std::string HandleCancelUrlTest(const std::string& body);
+
+}  // namespace orvel
