@@ -8,16 +8,20 @@
 //   exit-N     a FATAL line on stderr like a failed fetch, exit N
 //   hang       never ends by itself (only termination ends it)
 //   flood-N    write N bytes to stdout (more than a pipe holds blocks), then exit 0
-//   gather-N   first wait (up to 5 s) until N fetches run at the same moment
+//   gather-N   first wait (up to 5 s) until N fetches have run at the same moment
 //   (none)     answer at once, exit 0
 //
 // Every fetch leaves a record for the tests in C:\OrvelTest\fetch\<pid>-<k>.txt
 // ("key=value" lines: pid, startTick, runningAtStart, tag, url, config, the
 // invocation as DescribeInvocation gives it, then configText= and the
-// configuration's bytes to the end of the file). While it runs it also holds
-// a marker file in C:\OrvelTest\fetch-running, opened delete-on-close so that
-// even a terminated fetch takes its marker with it; runningAtStart is the
-// number of markers seen just after creating its own.
+// configuration's bytes to the end of the file).
+//
+// runningAtStart counts the fetches running at once, this one included, in a
+// named shared memory block that lives while any fetch runs: a fetch adds one
+// at its start and takes it off when it ends by itself. A terminated fetch
+// cannot take it off, so the count is exact only for fetches that all end by
+// themselves; the block is gone, and the count starts from 0 again, once no
+// fetch runs.
 
 #include <windows.h>
 
@@ -29,7 +33,6 @@
 namespace {
 
 const std::wstring kRecordDirectory = L"C:\\OrvelTest\\fetch";
-const std::wstring kRunningDirectory = L"C:\\OrvelTest\\fetch-running";
 
 std::wstring ArgumentAfter(const std::vector<std::wstring>& args, const wchar_t* name) {
   for (std::size_t i = 0; i + 1 < args.size(); ++i) {
@@ -45,25 +48,28 @@ long TokenValue(const std::wstring& tag, const std::wstring& token) {
   return std::wcstol(tag.c_str() + at + token.size(), nullptr, 10);
 }
 
-int CountRunning() {
-  WIN32_FIND_DATAW entry{};
-  HANDLE find = FindFirstFileW((kRunningDirectory + L"\\*.mark").c_str(), &entry);
-  if (find == INVALID_HANDLE_VALUE) return 0;
-  int count = 0;
-  do {
-    ++count;
-  } while (FindNextFileW(find, &entry));
-  FindClose(find);
-  return count;
+struct RunningCounters {
+  volatile LONG running;
+  volatile LONG most;  // only grows while the block lives
+};
+
+RunningCounters* OpenRunningCounters() {
+  HANDLE mapping = CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
+                                      sizeof(RunningCounters), L"Local\\OrvelTestFetchCounters");
+  if (mapping == nullptr) return nullptr;
+  // The mapping handle stays open for the life of the process on purpose.
+  return static_cast<RunningCounters*>(
+      MapViewOfFile(mapping, FILE_MAP_ALL_ACCESS, 0, 0, sizeof(RunningCounters)));
 }
 
-HANDLE CreateRunningMarker() {
-  CreateDirectoryW(L"C:\\OrvelTest", nullptr);
-  CreateDirectoryW(kRunningDirectory.c_str(), nullptr);
-  const std::wstring path =
-      kRunningDirectory + L"\\" + std::to_wstring(GetCurrentProcessId()) + L".mark";
-  return CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
-                     CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_DELETE_ON_CLOSE, nullptr);
+LONG EnterRunning(RunningCounters* counters) {
+  const LONG now = InterlockedIncrement(&counters->running);
+  for (LONG most = counters->most; most < now;) {
+    const LONG seen = InterlockedCompareExchange(&counters->most, now, most);
+    if (seen == most) break;
+    most = seen;
+  }
+  return now;
 }
 
 // A fresh file per fetch: process ids are reused, so a counter decides.
@@ -94,8 +100,8 @@ int RunToolsMode(const std::vector<std::wstring>& args) {
   const std::wstring tag = ArgumentAfter(args, L"-o");
   const std::wstring url = ArgumentAfter(args, L"fetch");
 
-  HANDLE marker = CreateRunningMarker();
-  const int runningAtStart = CountRunning();
+  RunningCounters* counters = OpenRunningCounters();
+  const LONG runningAtStart = counters != nullptr ? EnterRunning(counters) : 0;
   std::string record = "pid=" + std::to_string(GetCurrentProcessId()) + "\n";
   record += "startTick=" + std::to_string(GetTickCount64()) + "\n";
   record += "runningAtStart=" + std::to_string(runningAtStart) + "\n";
@@ -106,7 +112,9 @@ int RunToolsMode(const std::vector<std::wstring>& args) {
   WriteRecord(record);
 
   const long gather = TokenValue(tag, L"gather-");
-  for (int waited = 0; gather > 0 && CountRunning() < gather && waited < 5000; waited += 10) {
+  for (int waited = 0;
+       counters != nullptr && gather > 0 && counters->most < gather && waited < 5000;
+       waited += 10) {
     Sleep(10);
   }
   if (tag.find(L"hang") != std::wstring::npos) {
@@ -127,7 +135,7 @@ int RunToolsMode(const std::vector<std::wstring>& args) {
   } else {
     WriteOut(STD_OUTPUT_HANDLE, "<html>ok</html>\n");
   }
-  // Closing the marker deletes it before the helper can see this process end.
-  if (marker != INVALID_HANDLE_VALUE) CloseHandle(marker);
+  // Taken off before the helper can see this process end.
+  if (counters != nullptr) InterlockedDecrement(&counters->running);
   return exitCode;
 }

@@ -103,6 +103,7 @@ TEST_F(UrlTest, StreamsEachNodeAsItFinishesAndEndsEveryProcess) {
                                          utf8Tag,          "flood-1048576", "slow-delay-400"};
   const UrlTestStream stream = RunUrlTest(Body("r7", tags));
 
+  ASSERT_TRUE(helper.Running()) << "helper ended with " << helper.WaitExit(0);
   // Head exactly as sent, no Content-Length; nothing after the last line.
   EXPECT_EQ(stream.head, kUrlTestStreamHead);
   EXPECT_EQ(stream.head.size(), 74u);
@@ -125,8 +126,10 @@ TEST_F(UrlTest, StreamsEachNodeAsItFinishesAndEndsEveryProcess) {
       EXPECT_GT(result->delayMs, e.atLeastMs) << e.tag;
     }
   }
-  // Lines go out as nodes finish: the good nodes long before the stream ends.
-  EXPECT_EQ(results.front().nodeTag, utf8Tag);
+  // Lines go out as nodes finish: the good nodes long before the stream ends,
+  // the two that run into the time limit last.
+  EXPECT_TRUE(results[4].nodeTag == "hang" || results[5].nodeTag == "hang");
+  EXPECT_TRUE(results[4].nodeTag == "flood-1048576" || results[5].nodeTag == "flood-1048576");
   for (const std::string tag : {"fast-delay-100", "slow-delay-400", utf8Tag.c_str()}) {
     EXPECT_LT(FindResult(results, tag)->atTick - stream.sentTick, 2500u) << tag;
   }
@@ -175,13 +178,15 @@ TEST_F(UrlTest, StreamsEachNodeAsItFinishesAndEndsEveryProcess) {
 
 TEST_F(UrlTest, ThirteenNodesRunOnTwelveProcessesAtMost) {
   StartHelper();
-  // The first twelve each wait until twelve fetches run at once, so the pool
-  // must really run twelve; the thirteenth can only start when one has ended.
+  // The first twelve each wait until twelve fetches have run at once, so the
+  // pool must really run twelve, and then stay 300 ms more; the thirteenth can
+  // only start when one of them has ended.
   std::vector<std::string> tags;
-  for (int i = 1; i <= 12; ++i) tags.push_back(std::to_string(i) + "-gather-12");
+  for (int i = 1; i <= 12; ++i) tags.push_back(std::to_string(i) + "-gather-12-delay-300");
   tags.push_back("13-delay-10");
   const UrlTestStream stream = RunUrlTest(Body("thirteen", tags));
 
+  ASSERT_TRUE(helper.Running()) << "helper ended with " << helper.WaitExit(0);
   const std::vector<ResultLine> results = Results(stream);
   ASSERT_EQ(results.size(), 13u);
   for (const std::string& tag : tags) {
@@ -189,13 +194,18 @@ TEST_F(UrlTest, ThirteenNodesRunOnTwelveProcessesAtMost) {
     ASSERT_NE(result, nullptr) << tag;
     EXPECT_GT(result->delayMs, 0) << tag;
   }
-  EXPECT_EQ(results.back().nodeTag, "13-delay-10");
   const std::vector<FetchRecord> records = ReadFetchRecords();
-  EXPECT_EQ(records.size(), 13u);
+  ASSERT_EQ(records.size(), 13u);
   EXPECT_EQ(MaxRunningAtStart(records), 12);
-  for (const FetchRecord& r : records)
-    std::printf("%s %s %s\n", r.Get("tag").c_str(), r.Get("runningAtStart").c_str(),
-                r.Get("startTick").c_str());
+  std::uint64_t lastGatherStart = 0;
+  for (const FetchRecord& record : records) {
+    if (record.Get("tag") == "13-delay-10") continue;
+    lastGatherStart =
+        std::max<std::uint64_t>(lastGatherStart, std::stoull(record.Get("startTick")));
+  }
+  const FetchRecord* thirteenth = FindRecord(records, "13-delay-10");
+  ASSERT_NE(thirteenth, nullptr);
+  EXPECT_GE(std::stoull(thirteenth->Get("startTick")), lastGatherStart + 300);
 }
 
 TEST_F(UrlTest, SessionsNumberTheirFilesAndLeaveNoneBehind) {

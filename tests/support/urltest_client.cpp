@@ -17,7 +17,6 @@ namespace orvel::test {
 namespace {
 
 const std::wstring kRecordDirectory = L"C:\\OrvelTest\\fetch";
-const std::wstring kRunningDirectory = L"C:\\OrvelTest\\fetch-running";
 
 FetchRecord ParseRecord(const std::string& text) {
   FetchRecord record;
@@ -122,7 +121,6 @@ std::string FetchRecord::Get(const std::string& key) const {
 void ClearFetchRecords() {
   std::error_code ec;
   fs::remove_all(fs::path(kRecordDirectory), ec);
-  fs::remove_all(fs::path(kRunningDirectory), ec);
 }
 
 std::vector<FetchRecord> ReadFetchRecords() {
