@@ -1,7 +1,7 @@
 #include <winsock2.h>
 #include <ws2tcpip.h>
 
-#include <thread>
+#include <cstdint>
 
 #include "api/control_server.h"
 #include "api/http_request.h"
@@ -42,6 +42,26 @@ void HandleConnection(SOCKET socket) {
   closesocket(socket);
 }
 
+DWORD WINAPI ConnectionThread(LPVOID parameter) {
+  HandleConnection(static_cast<SOCKET>(reinterpret_cast<std::uintptr_t>(parameter)));
+  return 0;
+}
+
+// A plain Windows thread rather than a detached std::thread: the MinGW
+// threads library races when it recycles the record of a detached thread, and
+// now and then a new thread starts with a null argument and crashes the
+// helper (about once per thousand short connections under Wine; the crashed
+// helper then hangs in the debugger with its sockets open). Threads that are
+// joined, like the URL test workers, are not affected.
+bool StartConnectionThread(SOCKET socket) {
+  HANDLE thread =
+      CreateThread(nullptr, 0, ConnectionThread,
+                   reinterpret_cast<LPVOID>(static_cast<std::uintptr_t>(socket)), 0, nullptr);
+  if (thread == nullptr) return false;
+  CloseHandle(thread);
+  return true;
+}
+
 }  // namespace
 
 int RunControlServer() {
@@ -78,7 +98,7 @@ int RunControlServer() {
     // Windows carries the listener's no-inherit flag over to accepted sockets
     // but Wine does not; clearing it here makes both behave alike.
     SetHandleInformation(reinterpret_cast<HANDLE>(client), HANDLE_FLAG_INHERIT, 0);
-    std::thread(HandleConnection, client).detach();
+    if (!StartConnectionThread(client)) closesocket(client);
   }
 }
 
