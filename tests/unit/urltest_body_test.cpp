@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "urltest/node_test.h"
+#include "urltest/node_test.h"  // kMaxTestOutputBytes
 #include "urltest/urltest_registry.h"
 
 namespace orvel {
@@ -162,16 +162,6 @@ TEST(AppendCapped, KeepsExactlyTheLimit) {
   EXPECT_EQ(output.back(), 'c');
   AppendCapped(output, "e", kMaxTestOutputBytes);
   EXPECT_EQ(output.size(), 4096u);
-}
-
-TEST(NodeTestResult, StartsAsAFailure) {
-  const NodeTestResult result;
-  EXPECT_EQ(result.delayMs, 0);
-  EXPECT_EQ(result.exitCode, 1u);
-  EXPECT_EQ(result.waitResult, 0xFFFFFFFFu);
-  EXPECT_EQ(result.elapsedMs, 0u);
-  EXPECT_EQ(result.lastError, 0u);
-  EXPECT_EQ(result.output, "");
 }
 
 // Handles here are plain tokens: the registry never dereferences them.
