@@ -14,10 +14,6 @@ namespace {
 
 constexpr const wchar_t* kServiceDisplayName = L"Orvel VPN Helper Service";
 constexpr const wchar_t* kServiceDescription = L"Runs sing-box TUN mode for Orvel VPN.";
-// LocalSystem and Administrators: full control. Authenticated users: query
-// status, start and stop only, so an unelevated client can switch TUN mode.
-constexpr const wchar_t* kServiceSddl =
-    L"D:(A;;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;SY)(A;;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;BA)(A;;LCRPWP;;;AU)";
 constexpr DWORD kServiceAccess = WRITE_DAC | SERVICE_START | SERVICE_QUERY_STATUS | SERVICE_CHANGE_CONFIG;
 
 SERVICE_STATUS_HANDLE ServiceStatusHandle = nullptr;
@@ -73,7 +69,7 @@ int InstallService() {
   ChangeServiceConfig2W(service, SERVICE_CONFIG_DESCRIPTION, &description);
 
   PSECURITY_DESCRIPTOR descriptor = nullptr;
-  if (ConvertStringSecurityDescriptorToSecurityDescriptorW(kServiceSddl, SDDL_REVISION_1,
+  if (ConvertStringSecurityDescriptorToSecurityDescriptorW(kServiceSecurityDescriptor, SDDL_REVISION_1,
                                                            &descriptor, nullptr)) {
     SetServiceObjectSecurity(service, DACL_SECURITY_INFORMATION, descriptor);
     LocalFree(descriptor);

@@ -1,0 +1,220 @@
+// The helper as a Windows service under Wine's Service Control Manager: the
+// installer's registration, a start through the SCM, and the stop path.
+#include <gtest/gtest.h>
+#include <windows.h>
+// windows.h first: sddl.h depends on it.
+#include <sddl.h>
+
+#include <chrono>
+#include <thread>
+#include <vector>
+
+#include "entry/service_host.h"
+#include "support/helper_process.h"
+#include "support/http_client.h"
+
+namespace orvel::test {
+namespace {
+
+constexpr const wchar_t* kService = L"OrvelVpnHelperService";
+constexpr const wchar_t* kSddl =
+    L"D:(A;;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;SY)(A;;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;BA)(A;;LCRPWP;;;AU)";
+
+struct ScHandle {
+  SC_HANDLE h = nullptr;
+  explicit ScHandle(SC_HANDLE handle) : h(handle) {}
+  ScHandle(const ScHandle&) = delete;
+  ScHandle& operator=(const ScHandle&) = delete;
+  ~ScHandle() {
+    if (h != nullptr) CloseServiceHandle(h);
+  }
+};
+
+// Stops and deletes the service if it exists, and waits until it is gone: a
+// service marked for deletion still answers OpenServiceW, and an install that
+// meets it would update the dying registration instead of creating one.
+void RemoveService() {
+  ScHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
+  {
+    ScHandle service(OpenServiceW(manager.h, kService, SERVICE_ALL_ACCESS));
+    if (service.h == nullptr) return;
+    SERVICE_STATUS status{};
+    ControlService(service.h, SERVICE_CONTROL_STOP, &status);
+    for (int i = 0; i < 200; ++i) {
+      if (!QueryServiceStatus(service.h, &status) || status.dwCurrentState == SERVICE_STOPPED) break;
+      std::this_thread::sleep_for(std::chrono::milliseconds(25));
+    }
+    DeleteService(service.h);
+  }
+  for (int i = 0; i < 200; ++i) {
+    ScHandle again(OpenServiceW(manager.h, kService, SERVICE_QUERY_STATUS));
+    if (again.h == nullptr) return;
+    std::this_thread::sleep_for(std::chrono::milliseconds(25));
+  }
+}
+
+bool RunningUnderWine() {
+  return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
+}
+
+std::wstring DaclText(PSECURITY_DESCRIPTOR descriptor) {
+  LPWSTR text = nullptr;
+  if (!ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1,
+                                                            DACL_SECURITY_INFORMATION, &text, nullptr)) {
+    return L"<unconvertible>";
+  }
+  std::wstring result(text);
+  LocalFree(text);
+  return result;
+}
+
+DWORD QueryState(SC_HANDLE service, SERVICE_STATUS* out = nullptr) {
+  SERVICE_STATUS status{};
+  if (!QueryServiceStatus(service, &status)) return 0;
+  if (out != nullptr) *out = status;
+  return status.dwCurrentState;
+}
+
+bool WaitForState(SC_HANDLE service, DWORD state, SERVICE_STATUS* out = nullptr) {
+  for (int i = 0; i < 400; ++i) {
+    if (QueryState(service, out) == state) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(25));
+  }
+  return false;
+}
+
+class Service : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    RemoveService();
+    // The stand-alone helper prepares the folder; it is ended again at once so
+    // the service owns the port.
+    ASSERT_TRUE(helper.Start(CorePlacement::kBesideExe)) << helper.error;
+    helper.Stop();
+  }
+  void TearDown() override {
+    RemoveService();
+    KillProcessesNamed(L"OrvelVpnHelper.exe");
+    ForgetLastStartedService();
+  }
+  DWORD Install(const std::wstring& exe, const std::wstring& arguments = L"--install-service") {
+    return RunAndWait(exe, arguments, 30000);
+  }
+  ScopedHelper helper;
+};
+
+TEST_F(Service, InstallingTwiceKeepsOneRegistrationAtTheLatestPath) {
+  ASSERT_EQ(Install(helper.ExePath()), 0u);
+  // Second install from another folder: the registration moves there.
+  const std::wstring moved = helper.directory + L"\\moved";
+  CreateDirectoryW(moved.c_str(), nullptr);
+  const std::wstring movedExe = moved + L"\\OrvelVpnHelper.exe";
+  ASSERT_TRUE(CopyFileW(helper.ExePath().c_str(), movedExe.c_str(), FALSE));
+  ASSERT_EQ(Install(movedExe), 0u);
+
+  ScHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
+  ScHandle service(OpenServiceW(manager.h, kService, SERVICE_ALL_ACCESS));
+  ASSERT_NE(service.h, nullptr);
+
+  std::vector<unsigned char> buffer(8192);
+  DWORD needed = 0;
+  auto* config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer.data());
+  ASSERT_TRUE(QueryServiceConfigW(service.h, config, static_cast<DWORD>(buffer.size()), &needed));
+  EXPECT_EQ(std::wstring(config->lpBinaryPathName), L"\"" + movedExe + L"\"");
+  EXPECT_EQ(std::wstring(config->lpDisplayName), L"Orvel VPN Helper Service");
+  EXPECT_EQ(config->dwStartType, static_cast<DWORD>(SERVICE_AUTO_START));
+  EXPECT_EQ(config->dwServiceType, static_cast<DWORD>(SERVICE_WIN32_OWN_PROCESS));
+  EXPECT_EQ(config->dwErrorControl, static_cast<DWORD>(SERVICE_ERROR_NORMAL));
+  EXPECT_EQ(ToUtf8(config->lpServiceStartName), "LocalSystem");
+
+  auto* description = reinterpret_cast<SERVICE_DESCRIPTIONW*>(buffer.data());
+  ASSERT_TRUE(QueryServiceConfig2W(service.h, SERVICE_CONFIG_DESCRIPTION, buffer.data(),
+                                   static_cast<DWORD>(buffer.size()), &needed));
+  EXPECT_EQ(std::wstring(description->lpDescription), L"Runs sing-box TUN mode for Orvel VPN.");
+
+  if (RunningUnderWine()) {
+    // Wine's SCM does not keep service security (SetServiceObjectSecurity is
+    // a stub there), so nothing can be read back. What can still break is the
+    // text itself: a typo would make the conversion fail and the installer
+    // skip the step silently. It must convert and read back unchanged.
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    ASSERT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorW(
+        kServiceSecurityDescriptor, SDDL_REVISION_1, &descriptor, nullptr));
+    EXPECT_EQ(DaclText(descriptor), kSddl);
+    LocalFree(descriptor);
+  } else {
+    ASSERT_TRUE(QueryServiceObjectSecurity(service.h, DACL_SECURITY_INFORMATION, buffer.data(),
+                                           static_cast<DWORD>(buffer.size()), &needed));
+    EXPECT_EQ(DaclText(buffer.data()), kSddl);
+  }
+
+  // One registration only: enumerate and count ours.
+  DWORD count = 0;
+  DWORD resume = 0;
+  std::vector<unsigned char> list(256 * 1024);
+  ASSERT_TRUE(EnumServicesStatusW(manager.h, SERVICE_WIN32, SERVICE_STATE_ALL,
+                                  reinterpret_cast<ENUM_SERVICE_STATUSW*>(list.data()),
+                                  static_cast<DWORD>(list.size()), &needed, &count, &resume));
+  int ours = 0;
+  const auto* entries = reinterpret_cast<const ENUM_SERVICE_STATUSW*>(list.data());
+  for (DWORD i = 0; i < count; ++i) ours += _wcsicmp(entries[i].lpServiceName, kService) == 0;
+  EXPECT_EQ(ours, 1);
+}
+
+TEST_F(Service, InstallSwitchIsFoundAnywhereButNotAsAPrefix) {
+  // "--install" alone is not the switch: the exe runs as a stand-alone helper.
+  ScHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
+  {
+    STARTUPINFOW startup{};
+    startup.cb = sizeof(startup);
+    PROCESS_INFORMATION info{};
+    std::wstring line = L"\"" + helper.ExePath() + L"\" --install";
+    ForgetLastStartedService();
+    ASSERT_TRUE(CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                               &startup, &info));
+    std::string pong;
+    for (int i = 0; i < 200 && pong != "pong"; ++i) {
+      pong = Request("GET", "/ping", {}, 2000).body;
+      if (pong != "pong") std::this_thread::sleep_for(std::chrono::milliseconds(25));
+    }
+    EXPECT_EQ(pong, "pong");
+    EXPECT_EQ(OpenServiceW(manager.h, kService, SERVICE_QUERY_STATUS), nullptr);
+
+    // Installer mode takes no mutex: it installs although this instance runs.
+    EXPECT_EQ(Install(helper.ExePath(), L"xx--install-serviceyy and more words"), 0u);
+    ScHandle service(OpenServiceW(manager.h, kService, SERVICE_QUERY_STATUS));
+    EXPECT_NE(service.h, nullptr);
+    TerminateProcess(info.hProcess, 1);
+    WaitForSingleObject(info.hProcess, 10000);
+    CloseHandle(info.hProcess);
+    CloseHandle(info.hThread);
+  }
+  // And it starts no server of its own.
+  EXPECT_EQ(Install(helper.ExePath(), L"before --install-service"), 0u);
+  EXPECT_EQ(ConnectLoopback(kHelperPort, 1000), INVALID_SOCKET);
+}
+
+TEST_F(Service, StartsAndStopsThroughTheServiceControlManager) {
+  ASSERT_EQ(Install(helper.ExePath()), 0u);
+  ScHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
+  ScHandle service(OpenServiceW(manager.h, kService, SERVICE_ALL_ACCESS));
+  ASSERT_NE(service.h, nullptr);
+  ASSERT_TRUE(StartServiceW(service.h, 0, nullptr));
+  SERVICE_STATUS status{};
+  ASSERT_TRUE(WaitForState(service.h, SERVICE_RUNNING, &status));
+  EXPECT_EQ(status.dwControlsAccepted, static_cast<DWORD>(SERVICE_ACCEPT_STOP));
+  EXPECT_EQ(Request("GET", "/ping").body, "pong");
+  EXPECT_NE(Request("GET", "/logs").body.find("] OrvelVpnHelper started\r\n"), std::string::npos);
+
+  // An interrogate gets no fresh report, and the service keeps running.
+  ControlService(service.h, SERVICE_CONTROL_INTERROGATE, &status);
+  EXPECT_EQ(QueryState(service.h), static_cast<DWORD>(SERVICE_RUNNING));
+
+  ASSERT_TRUE(ControlService(service.h, SERVICE_CONTROL_STOP, &status));
+  ASSERT_TRUE(WaitForState(service.h, SERVICE_STOPPED, &status));
+  EXPECT_EQ(status.dwWin32ExitCode, 0u);
+  EXPECT_EQ(ConnectLoopback(kHelperPort, 1000), INVALID_SOCKET);
+}
+
+}  // namespace
+}  // namespace orvel::test
