@@ -53,6 +53,16 @@ void RemoveService() {
   }
 }
 
+// Polls "/ping" for up to 10 s; the last body seen.
+std::string WaitForPong() {
+  std::string body;
+  for (int i = 0; i < 400 && body != "pong"; ++i) {
+    body = Request("GET", "/ping", {}, 2000).body;
+    if (body != "pong") std::this_thread::sleep_for(std::chrono::milliseconds(25));
+  }
+  return body;
+}
+
 bool RunningUnderWine() {
   return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
 }
@@ -172,12 +182,7 @@ TEST_F(Service, InstallSwitchIsFoundAnywhereButNotAsAPrefix) {
     ForgetLastStartedService();
     ASSERT_TRUE(CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
                                &startup, &info));
-    std::string pong;
-    for (int i = 0; i < 200 && pong != "pong"; ++i) {
-      pong = Request("GET", "/ping", {}, 2000).body;
-      if (pong != "pong") std::this_thread::sleep_for(std::chrono::milliseconds(25));
-    }
-    EXPECT_EQ(pong, "pong");
+    EXPECT_EQ(WaitForPong(), "pong");
     EXPECT_EQ(OpenServiceW(manager.h, kService, SERVICE_QUERY_STATUS), nullptr);
 
     // Installer mode takes no mutex: it installs although this instance runs.
@@ -203,14 +208,19 @@ TEST_F(Service, StartsAndStopsThroughTheServiceControlManager) {
   SERVICE_STATUS status{};
   ASSERT_TRUE(WaitForState(service.h, SERVICE_RUNNING, &status));
   EXPECT_EQ(status.dwControlsAccepted, static_cast<DWORD>(SERVICE_ACCEPT_STOP));
-  EXPECT_EQ(Request("GET", "/ping").body, "pong");
+  // Running is reported before the listener is bound.
+  EXPECT_EQ(WaitForPong(), "pong");
   EXPECT_NE(Request("GET", "/logs").body.find("] OrvelVpnHelper started\r\n"), std::string::npos);
 
   // An interrogate gets no fresh report, and the service keeps running.
   ControlService(service.h, SERVICE_CONTROL_INTERROGATE, &status);
   EXPECT_EQ(QueryState(service.h), static_cast<DWORD>(SERVICE_RUNNING));
 
-  ASSERT_TRUE(ControlService(service.h, SERVICE_CONTROL_STOP, &status));
+  // The helper ends its process from inside the stop handler, right after
+  // reporting "stopped", so the control call may see the pipe break (109)
+  // before its reply; what counts is the state the service ends in.
+  const BOOL sent = ControlService(service.h, SERVICE_CONTROL_STOP, &status);
+  EXPECT_TRUE(sent || GetLastError() == ERROR_BROKEN_PIPE) << GetLastError();
   ASSERT_TRUE(WaitForState(service.h, SERVICE_STOPPED, &status));
   EXPECT_EQ(status.dwWin32ExitCode, 0u);
   EXPECT_EQ(ConnectLoopback(kHelperPort, 1000), INVALID_SOCKET);
