@@ -11,6 +11,7 @@
 
 #include "entry/service_host.h"
 #include "support/helper_process.h"
+#include "support/proxy_registry.h"
 #include "support/http_client.h"
 
 namespace orvel::test {
@@ -199,6 +200,63 @@ TEST_F(Service, InstallSwitchIsFoundAnywhereButNotAsAPrefix) {
   EXPECT_EQ(ConnectLoopback(kHelperPort, 1000), INVALID_SOCKET);
 }
 
+// Installs the service from the prepared folder and starts it through the SCM.
+bool InstallAndStart(const std::wstring& exe) {
+  if (RunAndWait(exe, L"--install-service", 30000) != 0) return false;
+  ScHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
+  ScHandle service(OpenServiceW(manager.h, kService, SERVICE_ALL_ACCESS));
+  return service.h != nullptr && StartServiceW(service.h, 0, nullptr) &&
+         WaitForState(service.h, SERVICE_RUNNING) && WaitForPong() == "pong";
+}
+
+// Sends the stop control and waits for the stopped state; the final status.
+SERVICE_STATUS StopThroughScm() {
+  ScHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
+  ScHandle service(OpenServiceW(manager.h, kService, SERVICE_ALL_ACCESS));
+  SERVICE_STATUS status{};
+  // The helper ends its process from inside the stop handler, right after
+  // reporting "stopped", so the control call may see the pipe break (109)
+  // before its reply; what counts is the state the service ends in.
+  const BOOL sent = ControlService(service.h, SERVICE_CONTROL_STOP, &status);
+  EXPECT_TRUE(sent || GetLastError() == ERROR_BROKEN_PIPE) << GetLastError();
+  EXPECT_TRUE(WaitForState(service.h, SERVICE_STOPPED, &status));
+  return status;
+}
+
+constexpr std::string_view kProxyConfig =
+    R"({"inbounds":[{"type":"mixed","tag":"orvel-vpn-mixed","listen":"127.0.0.1","listen_port":2080}]})";
+
+TEST_F(Service, RunsTheCoreInsideTheService) {
+  ResetTestRecords();
+  ASSERT_TRUE(InstallAndStart(helper.ExePath()));
+  EXPECT_EQ(Request("POST", "/start-tun", kProxyConfig).body,
+            R"({"status":"connected","platform":"windows","message":"Windows TUN helper connected"})");
+  EXPECT_EQ(CountProcessesNamed(L"sing-box.exe"), 1);
+  EXPECT_EQ(Request("GET", "/status").body,
+            R"({"status":"connected","platform":"windows","message":"Windows helper running"})");
+  EXPECT_EQ(StopThroughScm().dwWin32ExitCode, 0u);
+  EXPECT_EQ(CountProcessesNamed(L"sing-box.exe"), 0);
+}
+
+TEST_F(Service, StopRestoresTheProxyBeforeTheCoreEnds) {
+  ResetTestRecords();
+  const ProxyValues user{Dword(0), Text(L"user-proxy:8080"), Text(L"*.corp")};
+  WriteProxyValues(user);
+  ASSERT_TRUE(InstallAndStart(helper.ExePath()));
+  ASSERT_EQ(Request("POST", "/start", kProxyConfig).body,
+            R"({"status":"connected","platform":"windows","message":"Windows helper connected"})");
+  EXPECT_EQ(ReadProxyValues(), HelperProxyValues(2080));
+
+  const SERVICE_STATUS stopped = StopThroughScm();
+  EXPECT_EQ(stopped.dwWin32ExitCode, 0u);
+  EXPECT_EQ(ReadProxyValues(), user);
+  EXPECT_EQ(CountProcessesNamed(L"sing-box.exe"), 0);
+  // Enable, then restore: both notifications of the restore were sent while
+  // the core still ran.
+  EXPECT_EQ(ReadWininetCalls(), "39\n37\n39\n37\n");
+  EXPECT_EQ(ReadFileBytes(TestRecordDirectory() + L"\\wininet-cores.txt"), "1\n1\n1\n1\n");
+}
+
 TEST_F(Service, StartsAndStopsThroughTheServiceControlManager) {
   ASSERT_EQ(Install(helper.ExePath()), 0u);
   ScHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
@@ -216,13 +274,7 @@ TEST_F(Service, StartsAndStopsThroughTheServiceControlManager) {
   ControlService(service.h, SERVICE_CONTROL_INTERROGATE, &status);
   EXPECT_EQ(QueryState(service.h), static_cast<DWORD>(SERVICE_RUNNING));
 
-  // The helper ends its process from inside the stop handler, right after
-  // reporting "stopped", so the control call may see the pipe break (109)
-  // before its reply; what counts is the state the service ends in.
-  const BOOL sent = ControlService(service.h, SERVICE_CONTROL_STOP, &status);
-  EXPECT_TRUE(sent || GetLastError() == ERROR_BROKEN_PIPE) << GetLastError();
-  ASSERT_TRUE(WaitForState(service.h, SERVICE_STOPPED, &status));
-  EXPECT_EQ(status.dwWin32ExitCode, 0u);
+  EXPECT_EQ(StopThroughScm().dwWin32ExitCode, 0u);
   EXPECT_EQ(ConnectLoopback(kHelperPort, 1000), INVALID_SOCKET);
 }
 

@@ -147,6 +147,7 @@ std::map<std::string, std::string> ReadCoreInvocation() {
 void ResetTestRecords() {
   CreateDirectoryW(TestRecordDirectory().c_str(), nullptr);
   DeleteFileW(RecordPath(L"wininet-calls.txt").c_str());
+  DeleteFileW(RecordPath(L"wininet-cores.txt").c_str());
   DeleteFileW(RecordPath(L"core-run.txt").c_str());
   SetWininetFailing(false);
 }
