@@ -4,6 +4,7 @@
 
 #include "core/vpn_commands.h"
 #include "log/log_buffer.h"
+#include "traffic/traffic_snapshot.h"
 #include "urltest/urltest_registry.h"
 #include "urltest/urltest_stream.h"
 
@@ -25,6 +26,8 @@ const Route kRoutes[] = {
     {"GET", "/ping", "text/plain", [](const std::string&) { return std::string("pong"); }, nullptr},
     {"GET", "/status", "application/json", [](const std::string&) { return HandleStatus(); },
      nullptr},
+    {"GET", "/traffic-snapshot", "application/json",
+     [](const std::string&) { return BuildTrafficSnapshot(); }, nullptr},
     {"POST", "/start", "application/json", HandleStart, nullptr},
     {"POST", "/start-tun", "application/json", HandleStartTun, nullptr},
     {"POST", "/stop", "application/json", [](const std::string&) { return HandleStop(); }, nullptr},

@@ -1,0 +1,38 @@
+#pragma once
+
+// A minimal HTTP/1.1 client for the core's statistics controller on the
+// loopback interface: one GET per connection, the raw answer collected
+// undecoded (status line, headers and any chunk-size lines stay in place).
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace orvel {
+
+constexpr std::uint16_t kCoreApiPort = 19090;
+constexpr std::uint32_t kCoreApiTimeoutMs = 1200;
+// Checked before each receive, so an answer may end up to one receive chunk
+// longer than this.
+constexpr std::size_t kCoreResponseCapBytes = 1048576;
+constexpr std::size_t kCoreReceiveChunkBytes = 4096;
+
+// Whether the bytes received so far may be taken as the whole answer:
+// - by length: the head is complete and holds "content-length:" (any letter
+//   case, anywhere in the head) followed by spaces only and a run of digits L,
+//   and at least L body bytes are in;
+// - by content: the text holds both "\"up\":" and "\"down\":", which ends the
+//   core's "/traffic" stream on its first sample (that stream never closes).
+// Once true it stays true however many bytes are added.
+bool IsCoreResponseComplete(std::string_view response);
+
+// GETs `path` from 127.0.0.1:`port` with `timeoutMs` as both the receive and
+// the send time-out (none for connecting: a closed loopback port is refused).
+// `response` is cleared once the request has gone out and then receives the
+// raw answer; it is left untouched when the socket, the connect or the send
+// fails. True when at least one byte was received. Needs Winsock started.
+bool LocalHttpGet(std::uint16_t port, std::string_view path, std::uint32_t timeoutMs,
+                  std::string& response);
+
+}  // namespace orvel
