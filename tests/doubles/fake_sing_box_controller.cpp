@@ -1,5 +1,199 @@
+// The core's statistics controller, as the real core serves it on
+// experimental.clash_api.external_controller. A test picks the behaviour and
+// the figures through an object the real core never sees in these tests:
+//
+//   "x-test-controller":{"mode":"silent","up":-7,"down":12,
+//                      "uploadTotal":123,"downloadTotal":456}
+//
+// Modes (the "mode" text; every figure is echoed exactly as written there):
+//   "stream"            (default) "/traffic" chunked, nothing at all before
+//                       the first one-second tick, then one sample a second;
+//                       "/connections" one document, then close
+//   "silent"            accept, read the request, never answer
+//   "length-zero"       "Content-Length: 0" and no body, connection held open
+//   "length-after-tab"  "Content-Length:<TAB>N" and the body, held open
+// A non-empty "secret" in the configuration answers every request with 401.
+#include <winsock2.h>
+#include <ws2tcpip.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <thread>
+
 #include "doubles/fake_sing_box.h"
 
-void StartControllerIfConfigured(const std::string&) {
-  // The controller double arrives with the traffic snapshot.
+namespace {
+
+struct ControllerPlan {
+  std::string host;
+  unsigned short port = 0;
+  bool secret = false;
+  std::string mode = "stream";
+  std::string up = "0";
+  std::string down = "0";
+  std::string uploadTotal = "0";
+  std::string downloadTotal = "0";
+};
+
+// The string value after "key": at or after `from`, or "" when absent.
+std::string StringAfter(const std::string& text, const std::string& key, std::size_t from = 0) {
+  std::size_t at = text.find("\"" + key + "\"", from);
+  if (at == std::string::npos) return {};
+  at = text.find('"', text.find(':', at) + 1);
+  if (at == std::string::npos) return {};
+  const std::size_t end = text.find('"', at + 1);
+  return end == std::string::npos ? std::string() : text.substr(at + 1, end - at - 1);
+}
+
+// The number text after "key": at or after `from`, or `fallback`.
+std::string NumberAfter(const std::string& text, const std::string& key, std::size_t from,
+                        const std::string& fallback) {
+  std::size_t at = text.find("\"" + key + "\":", from);
+  if (at == std::string::npos) return fallback;
+  at += key.size() + 3;
+  while (at < text.size() && text[at] == ' ') ++at;
+  std::size_t end = at;
+  while (end < text.size() && (text[end] == '-' || (text[end] >= '0' && text[end] <= '9'))) ++end;
+  return end == at ? fallback : text.substr(at, end - at);
+}
+
+ControllerPlan ReadPlan(const std::string& config) {
+  ControllerPlan plan;
+  const std::string address = StringAfter(config, "external_controller");
+  const std::size_t colon = address.rfind(':');
+  if (colon == std::string::npos) return plan;
+  plan.host = address.substr(0, colon);
+  plan.port = static_cast<unsigned short>(std::atoi(address.c_str() + colon + 1));
+  const std::size_t api = config.find("\"clash_api\"");
+  plan.secret = !StringAfter(config, "secret", api == std::string::npos ? 0 : api).empty();
+  const std::size_t marker = config.find("\"x-test-controller\"");
+  if (marker != std::string::npos) {
+    const std::string mode = StringAfter(config, "mode", marker);
+    if (!mode.empty()) plan.mode = mode;
+    plan.up = NumberAfter(config, "up", marker, plan.up);
+    plan.down = NumberAfter(config, "down", marker, plan.down);
+    plan.uploadTotal = NumberAfter(config, "uploadTotal", marker, plan.uploadTotal);
+    plan.downloadTotal = NumberAfter(config, "downloadTotal", marker, plan.downloadTotal);
+  }
+  return plan;
+}
+
+bool SendText(SOCKET s, const std::string& bytes) {
+  std::size_t sent = 0;
+  while (sent < bytes.size()) {
+    const int n = send(s, bytes.data() + sent, static_cast<int>(bytes.size() - sent), 0);
+    if (n <= 0) return false;
+    sent += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+// Until the client closes the connection (or it fails).
+void WaitForClientClose(SOCKET s) {
+  char sink[512];
+  while (recv(s, sink, sizeof(sink), 0) > 0) {
+  }
+}
+
+std::string Head(const std::string& status, const std::string& lengthLine) {
+  return "HTTP/1.1 " + status + "\r\nContent-Type: application/json\r\nVary: Origin\r\n" +
+         lengthLine + "\r\n";
+}
+
+std::string Document(const ControllerPlan& plan, const std::string& path) {
+  if (path == "/traffic") return "{\"up\":" + plan.up + ",\"down\":" + plan.down + "}\n";
+  return "{\"connections\":[],\"downloadTotal\":" + plan.downloadTotal +
+         ",\"memory\":8388608,\"uploadTotal\":" + plan.uploadTotal + "}\n";
+}
+
+std::string Chunk(const std::string& data) {
+  char size[16];
+  std::snprintf(size, sizeof(size), "%zx\r\n", data.size());
+  return size + data + "\r\n";
+}
+
+void Serve(SOCKET client, const ControllerPlan& plan) {
+  std::string request;
+  char chunk[4096];
+  while (request.find("\r\n\r\n") == std::string::npos) {
+    const int got = recv(client, chunk, sizeof(chunk), 0);
+    if (got <= 0) break;
+    request.append(chunk, static_cast<std::size_t>(got));
+  }
+  const std::size_t pathStart = request.find(' ') + 1;
+  const std::string path = request.substr(pathStart, request.find(' ', pathStart) - pathStart);
+  const bool known = path == "/traffic" || path == "/connections";
+
+  if (plan.secret) {
+    const std::string body = "{\"message\":\"Unauthorized\"}\n";
+    SendText(client, Head("401 Unauthorized", "Content-Length: " + std::to_string(body.size())) +
+                         "\r\n" + body);
+  } else if (plan.mode == "silent") {
+    WaitForClientClose(client);
+  } else if (plan.mode == "length-zero") {
+    SendText(client, Head("200 OK", "Content-Length: 0") + "\r\n");
+    WaitForClientClose(client);
+  } else if (plan.mode == "length-after-tab" && known) {
+    const std::string body = Document(plan, path);
+    SendText(client, Head("200 OK", "Content-Length:\t" + std::to_string(body.size())) + "\r\n" +
+                         body);
+    WaitForClientClose(client);
+  } else if (path == "/traffic") {
+    // The real core writes nothing, not even the status line, before its
+    // first one-second tick; the stream never ends by itself.
+    std::string bytes = Head("200 OK", "Transfer-Encoding: chunked") + "\r\n";
+    for (;;) {
+      Sleep(1000);
+      bytes += Chunk(Document(plan, path));
+      if (!SendText(client, bytes)) break;
+      bytes.clear();
+    }
+  } else if (path == "/connections") {
+    const std::string body = Document(plan, path);
+    SendText(client,
+             Head("200 OK", "Content-Length: " + std::to_string(body.size())) + "\r\n" + body);
+  } else {
+    const std::string body = "404 page not found\n";
+    SendText(client, "HTTP/1.1 404 Not Found\r\nContent-Type: text/plain; charset=utf-8\r\n"
+                     "Content-Length: " +
+                         std::to_string(body.size()) + "\r\n\r\n" + body);
+  }
+  closesocket(client);
+}
+
+}  // namespace
+
+void StartControllerIfConfigured(const std::string& configText) {
+  const ControllerPlan plan = ReadPlan(configText);
+  if (plan.port == 0) return;
+  WSADATA data{};
+  WSAStartup(MAKEWORD(2, 2), &data);
+  SOCKET listener = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  // Tests start a core on this port again and again; without this a
+  // connection of the previous core still in TIME_WAIT blocks the bind.
+  const BOOL reuse = TRUE;
+  setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, reinterpret_cast<const char*>(&reuse),
+             sizeof(reuse));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(plan.port);
+  inet_pton(AF_INET, plan.host.c_str(), &address.sin_addr);
+  if (bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+      listen(listener, SOMAXCONN) != 0) {
+    // Refused the way the real core refuses: one FATAL line, exit 1.
+    std::fprintf(stderr,
+                 "FATAL[0000] start service: finish-start clash server: external controller "
+                 "listen error: listen tcp %s:%u: bind: error %d\n",
+                 plan.host.c_str(), plan.port, WSAGetLastError());
+    std::fflush(stderr);
+    std::exit(1);
+  }
+  std::thread([listener, plan] {
+    for (;;) {
+      SOCKET client = accept(listener, nullptr, nullptr);
+      if (client == INVALID_SOCKET) continue;
+      std::thread(Serve, client, plan).detach();
+    }
+  }).detach();
 }

@@ -146,12 +146,22 @@ std::string Entry(std::string_view name, std::string_view method, std::string_vi
          std::string(method) + "\",\"host\":\"" + std::string(host) + "\"}";
 }
 
+// The list text as it stands before the closing bracket.
+std::string OpenArray(const std::vector<std::string>& entries) {
+  std::string text = "[";
+  for (const std::string& entry : entries) {
+    if (text.size() > 1) text += ',';
+    text += entry;
+  }
+  return text;
+}
+
 TEST(AppendProcessEntry, WritesTheExactEntryText) {
   ProcessEntryList list = NewList();
   AppendProcessEntry(list, {1234, "TCP", "93.184.216.34", 443});
   AppendProcessEntry(list, {666, "UDP", "2001:db8::7", 5353});
-  EXPECT_EQ(list.text, "[" + Entry("app1234.exe", "HTTPS", "93.184.216.34:443") + "," +
-                           Entry("we\\\"ird\\\\name.exe", "UDP", "2001:db8::7:5353"));
+  EXPECT_EQ(list.text, OpenArray({Entry("app1234.exe", "HTTPS", "93.184.216.34:443"),
+                                  Entry("we\\\"ird\\\\name.exe", "UDP", "2001:db8::7:5353")}));
   EXPECT_EQ(list.count, 2u);
   EXPECT_EQ(gLookups, 2);
 }
@@ -168,7 +178,8 @@ TEST(AppendProcessEntry, MethodFollowsThePortAlone) {
   for (const Case& c : cases) {
     ProcessEntryList list = NewList();
     AppendProcessEntry(list, {7, c.protocol, "10.0.0.1", c.port});
-    EXPECT_EQ(list.text, "[" + Entry("app7.exe", c.method, "10.0.0.1:" + std::to_string(c.port)))
+    EXPECT_EQ(list.text,
+              OpenArray({Entry("app7.exe", c.method, "10.0.0.1:" + std::to_string(c.port))}))
         << c.protocol << " " << c.port;
   }
 }
@@ -211,13 +222,13 @@ TEST(AppendProcessEntry, FirstObservationOfEachEndpointWins) {
   for (const SocketObservation& observation : observations) AppendProcessEntry(list, observation);
   EXPECT_EQ(list.count, 7u);
   EXPECT_EQ(gLookups, 7);
-  EXPECT_EQ(list.text, "[" + Entry("app10.exe", "HTTPS", "10.0.0.1:443") + "," +
-                           Entry("app11.exe", "HTTPS", "10.0.0.1:443") + "," +
-                           Entry("app10.exe", "HTTPS", "10.0.0.1:443") + "," +
-                           Entry("app10.exe", "HTTPS", "10.0.0.2:443") + "," +
-                           Entry("app10.exe", "TCP", "10.0.0.1:444") + "," +
-                           Entry("app10.exe", "TCP", "1::2:3") + "," +
-                           Entry("app10.exe", "TCP", "1:::23"));
+  EXPECT_EQ(list.text, OpenArray({Entry("app10.exe", "HTTPS", "10.0.0.1:443"),
+                                  Entry("app11.exe", "HTTPS", "10.0.0.1:443"),
+                                  Entry("app10.exe", "HTTPS", "10.0.0.1:443"),
+                                  Entry("app10.exe", "HTTPS", "10.0.0.2:443"),
+                                  Entry("app10.exe", "TCP", "10.0.0.1:444"),
+                                  Entry("app10.exe", "TCP", "1::2:3"),
+                                  Entry("app10.exe", "TCP", "1:::23")}));
 }
 
 TEST(AppendProcessEntry, StopsAtEightyEntriesWithSingleCommas) {
@@ -243,7 +254,9 @@ TEST(AppendProcessEntry, StopsAtEightyEntriesWithSingleCommas) {
   EXPECT_EQ(text.find(",,"), std::string::npos);
   EXPECT_EQ(text.find("[,"), std::string::npos);
   EXPECT_EQ(text.find(",]"), std::string::npos);
-  EXPECT_TRUE(text.ends_with("," + Entry("app79.exe", "TCP", "10.1.0.1:8000") + "]"));
+  std::string last = Entry("app79.exe", "TCP", "10.1.0.1:8000");
+  last += ']';
+  EXPECT_TRUE(text.ends_with(last));
   EXPECT_EQ(text.find("\"processName\":\"app80.exe\""), std::string::npos);
 
   // A full list ignores even an endpoint it has never seen.
