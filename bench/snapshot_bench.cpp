@@ -82,9 +82,10 @@ int main() {
   if (!StartCore(kControllerOn)) return 1;
   const Run on = Measure(10);
   Report("core running, controller on", on);
-  std::printf("  floor: the core's first /traffic sample after 1000 ms; median/floor %.3f, "
-              "median above floor %.1f ms\n",
-              on.summary.medianUs / kFirstSampleFloorUs,
-              (on.summary.medianUs - kFirstSampleFloorUs) / 1000.0);
+  std::printf(
+      "  floor: the core's first /traffic sample after 1000 ms; median/floor %.3f, "
+      "median above floor %.1f ms\n",
+      on.summary.medianUs / kFirstSampleFloorUs,
+      (on.summary.medianUs - kFirstSampleFloorUs) / 1000.0);
   return 0;
 }

@@ -136,8 +136,8 @@ void Serve(SOCKET client, const ControllerPlan& plan) {
     WaitForClientClose(client);
   } else if (plan.mode == "length-after-tab" && known) {
     const std::string body = Document(plan, path);
-    SendText(client, Head("200 OK", "Content-Length:\t" + std::to_string(body.size())) + "\r\n" +
-                         body);
+    SendText(client,
+             Head("200 OK", "Content-Length:\t" + std::to_string(body.size())) + "\r\n" + body);
     WaitForClientClose(client);
   } else if (path == "/traffic") {
     // The real core writes nothing, not even the status line, before its
@@ -155,9 +155,10 @@ void Serve(SOCKET client, const ControllerPlan& plan) {
              Head("200 OK", "Content-Length: " + std::to_string(body.size())) + "\r\n" + body);
   } else {
     const std::string body = "404 page not found\n";
-    SendText(client, "HTTP/1.1 404 Not Found\r\nContent-Type: text/plain; charset=utf-8\r\n"
-                     "Content-Length: " +
-                         std::to_string(body.size()) + "\r\n\r\n" + body);
+    SendText(client,
+             "HTTP/1.1 404 Not Found\r\nContent-Type: text/plain; charset=utf-8\r\n"
+             "Content-Length: " +
+                 std::to_string(body.size()) + "\r\n\r\n" + body);
   }
   closesocket(client);
 }

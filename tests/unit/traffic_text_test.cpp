@@ -222,13 +222,13 @@ TEST(AppendProcessEntry, FirstObservationOfEachEndpointWins) {
   for (const SocketObservation& observation : observations) AppendProcessEntry(list, observation);
   EXPECT_EQ(list.count, 7u);
   EXPECT_EQ(gLookups, 7);
-  EXPECT_EQ(list.text, OpenArray({Entry("app10.exe", "HTTPS", "10.0.0.1:443"),
-                                  Entry("app11.exe", "HTTPS", "10.0.0.1:443"),
-                                  Entry("app10.exe", "HTTPS", "10.0.0.1:443"),
-                                  Entry("app10.exe", "HTTPS", "10.0.0.2:443"),
-                                  Entry("app10.exe", "TCP", "10.0.0.1:444"),
-                                  Entry("app10.exe", "TCP", "1::2:3"),
-                                  Entry("app10.exe", "TCP", "1:::23")}));
+  EXPECT_EQ(
+      list.text,
+      OpenArray(
+          {Entry("app10.exe", "HTTPS", "10.0.0.1:443"), Entry("app11.exe", "HTTPS", "10.0.0.1:443"),
+           Entry("app10.exe", "HTTPS", "10.0.0.1:443"), Entry("app10.exe", "HTTPS", "10.0.0.2:443"),
+           Entry("app10.exe", "TCP", "10.0.0.1:444"), Entry("app10.exe", "TCP", "1::2:3"),
+           Entry("app10.exe", "TCP", "1:::23")}));
 }
 
 TEST(AppendProcessEntry, StopsAtEightyEntriesWithSingleCommas) {

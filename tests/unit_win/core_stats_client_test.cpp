@@ -1,6 +1,8 @@
 // LocalHttpGet against small scripted servers in this process: what it sends,
 // and which answers it ends by itself instead of waiting for the peer's close
 // or for its receive time-out.
+#include "traffic/core_stats_client.h"
+
 #include <gtest/gtest.h>
 #include <winsock2.h>
 #include <ws2tcpip.h>
@@ -11,7 +13,6 @@
 #include <vector>
 
 #include "support/http_client.h"
-#include "traffic/core_stats_client.h"
 
 namespace orvel {
 namespace {

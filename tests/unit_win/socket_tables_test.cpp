@@ -5,6 +5,8 @@
 // owning pid 0 (Wine does not map host sockets to Windows processes), so
 // there the owner of our own sockets can only be checked to be 0; on Windows
 // it must be this process.
+#include "traffic/socket_tables.h"
+
 #include <gtest/gtest.h>
 #include <winsock2.h>
 #include <ws2tcpip.h>
@@ -15,7 +17,6 @@
 
 #include "support/helper_process.h"
 #include "support/http_client.h"
-#include "traffic/socket_tables.h"
 
 namespace orvel {
 namespace {
@@ -70,6 +71,14 @@ std::uint16_t BindAny(SOCKET s, int family, const char* address) {
                                  : reinterpret_cast<sockaddr_in6*>(&storage)->sin6_port);
 }
 
+bool Connect4(SOCKET s, const char* address, std::uint16_t port) {
+  sockaddr_in peer{};
+  peer.sin_family = AF_INET;
+  peer.sin_port = htons(port);
+  inet_pton(AF_INET, address, &peer.sin_addr);
+  return connect(s, reinterpret_cast<sockaddr*>(&peer), sizeof(peer)) == 0;
+}
+
 // Closes every socket it was given.
 struct Sockets {
   std::vector<SOCKET> all;
@@ -106,11 +115,7 @@ TEST_F(SocketTables, TcpRowsGiveTheEstablishedPeerOnly) {
   ASSERT_NE(port, 0);
   ASSERT_EQ(listen(listener, 1), 0);
   SOCKET client = sockets.Add(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
-  sockaddr_in peer{};
-  peer.sin_family = AF_INET;
-  peer.sin_port = htons(port);
-  inet_pton(AF_INET, "127.0.0.2", &peer.sin_addr);
-  ASSERT_EQ(connect(client, reinterpret_cast<sockaddr*>(&peer), sizeof(peer)), 0);
+  ASSERT_TRUE(Connect4(client, "127.0.0.2", port));
   sockets.Add(accept(listener, nullptr, nullptr));
 
   const std::vector<Seen> seen = Collect(&ScanTcp4);
@@ -144,11 +149,7 @@ TEST_F(SocketTables, IPv6RowsUseTheCompressedFormAndMappedPeers) {
   SOCKET client = sockets.Add(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
   const std::uint16_t clientPort = BindAny(client, AF_INET, "127.0.0.3");
   ASSERT_NE(clientPort, 0);
-  sockaddr_in peer{};
-  peer.sin_family = AF_INET;
-  peer.sin_port = htons(port);
-  inet_pton(AF_INET, "127.0.0.3", &peer.sin_addr);
-  ASSERT_EQ(connect(client, reinterpret_cast<sockaddr*>(&peer), sizeof(peer)), 0);
+  ASSERT_TRUE(Connect4(client, "127.0.0.3", port));
   sockets.Add(accept(listener, nullptr, nullptr));
 
   seen = Collect(&ScanTcp6);
