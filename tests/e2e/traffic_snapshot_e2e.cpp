@@ -3,7 +3,9 @@
 //
 // Under Wine the socket tables are the Linux host's and carry owning pid 0,
 // so every entry is named "pid-0" here; the name of a live process is checked
-// by the Windows unit tests instead.
+// by the Windows unit tests instead. Wine also binds a UDP socket meant for
+// one IPv4 address to the host's wildcard address, so the test's own UDP
+// endpoint is looked for on Windows only.
 #include <gtest/gtest.h>
 #include <ws2tcpip.h>
 
@@ -25,6 +27,10 @@ constexpr std::string_view kEmptySnapshot =
 // Two controller requests, each bounded by the helper's 1200 ms receive
 // time-out, plus the tables: far below this unless a time-out is missing.
 constexpr double kWithinTimeOutsMs = 6000;
+
+bool RunningUnderWine() {
+  return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
+}
 
 std::string JsonAnswer(std::string_view body) {
   return "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: " +
@@ -186,7 +192,9 @@ class TrafficSnapshot : public ::testing::Test {
     }
     // With the limit reached, ours may be among the endpoints left out.
     if (entries.size() < 80) {
-      EXPECT_TRUE(udpSeen) << own.udpHost << " missing in " << answer.body;
+      if (!RunningUnderWine()) {
+        EXPECT_TRUE(udpSeen) << own.udpHost << " missing in " << answer.body;
+      }
       EXPECT_TRUE(tcpSeen) << own.tcpHost << " missing in " << answer.body;
     }
   }

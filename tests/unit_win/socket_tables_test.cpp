@@ -12,6 +12,7 @@
 #include <ws2tcpip.h>
 
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -48,6 +49,15 @@ const Seen* FindEndpoint(const std::vector<Seen>& seen, std::string_view address
     if (s.address == address && s.port == port) return &s;
   }
   return nullptr;
+}
+
+// For failure messages: every row a scan gave.
+std::string Describe(const std::vector<Seen>& seen) {
+  std::ostringstream text;
+  text << seen.size() << " rows:";
+  for (const Seen& s : seen)
+    text << ' ' << s.pid << '/' << s.protocol << '/' << s.address << ':' << s.port;
+  return text.str();
 }
 
 // A socket bound to `address` port 0; returns the port chosen, 0 on failure.
@@ -103,8 +113,12 @@ TEST_F(SocketTables, UdpRowsGiveTheLocalAddressAndPort) {
   const std::uint16_t port = BindAny(udp, AF_INET, "127.0.0.2");
   ASSERT_NE(port, 0);
   const std::vector<Seen> seen = Collect(&ScanUdp4);
-  const Seen* ours = FindEndpoint(seen, "127.0.0.2", port);
-  ASSERT_NE(ours, nullptr) << "rows seen: " << seen.size();
+  // Wine binds a UDP socket meant for one IPv4 interface address to the
+  // wildcard address on the host (so that it receives broadcasts as on
+  // Windows), and the host's table, which it reads, shows 0.0.0.0 there.
+  const char* expected = RunningUnderWine() ? "0.0.0.0" : "127.0.0.2";
+  const Seen* ours = FindEndpoint(seen, expected, port);
+  ASSERT_NE(ours, nullptr) << "port " << port << ", " << Describe(seen);
   EXPECT_EQ(ours->protocol, "UDP");
   EXPECT_EQ(ours->pid, ExpectedOwner());
 }
@@ -121,7 +135,7 @@ TEST_F(SocketTables, TcpRowsGiveTheEstablishedPeerOnly) {
   const std::vector<Seen> seen = Collect(&ScanTcp4);
   // The client's row names the listener as its peer.
   const Seen* ours = FindEndpoint(seen, "127.0.0.2", port);
-  ASSERT_NE(ours, nullptr) << "rows seen: " << seen.size();
+  ASSERT_NE(ours, nullptr) << Describe(seen);
   EXPECT_EQ(ours->protocol, "TCP");
   EXPECT_EQ(ours->pid, ExpectedOwner());
   // Listening rows (peer 0.0.0.0:0) are not established and never come out.
@@ -135,7 +149,7 @@ TEST_F(SocketTables, IPv6RowsUseTheCompressedFormAndMappedPeers) {
   const Seen* ours = nullptr;
   std::vector<Seen> seen = Collect(&ScanUdp6);
   ours = FindEndpoint(seen, "::1", udpPort);
-  ASSERT_NE(ours, nullptr) << "rows seen: " << seen.size();
+  ASSERT_NE(ours, nullptr) << Describe(seen);
   EXPECT_EQ(ours->protocol, "UDP");
 
   // A dual-stack listener reached over IPv4: the accepted socket's row in the
@@ -154,7 +168,7 @@ TEST_F(SocketTables, IPv6RowsUseTheCompressedFormAndMappedPeers) {
 
   seen = Collect(&ScanTcp6);
   ours = FindEndpoint(seen, "::ffff:127.0.0.3", clientPort);
-  ASSERT_NE(ours, nullptr) << "rows seen: " << seen.size();
+  ASSERT_NE(ours, nullptr) << Describe(seen);
   EXPECT_EQ(ours->protocol, "TCP");
   EXPECT_EQ(ours->pid, ExpectedOwner());
 }
@@ -174,10 +188,10 @@ TEST(ProcessNameForPid, GivesTheNameInUtf8) {
   namespace fs = std::filesystem;
   const fs::path directory = fs::path(test::BinDirectory()) / L"process-name-test";
   std::error_code ec;
+  fs::remove_all(directory, ec);
   fs::create_directories(directory, ec);
   const fs::path copy = directory / L"na\u00efve-\u540d\u524d.exe";
-  fs::copy_file(fs::path(test::BinDirectory()) / L"orvel_win_unit_tests.exe", copy,
-                fs::copy_options::overwrite_existing, ec);
+  fs::copy_file(fs::path(test::BinDirectory()) / L"orvel_win_unit_tests.exe", copy, ec);
   ASSERT_FALSE(ec) << ec.message();
   STARTUPINFOW startup{};
   startup.cb = sizeof(startup);
