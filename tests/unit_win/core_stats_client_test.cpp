@@ -170,15 +170,6 @@ TEST(LocalHttpGet, IgnoresLengthWrittenAfterATab) {
   EXPECT_EQ(fetched.response, answer + " and more");
 }
 
-TEST(LocalHttpGet, ReadsToThePeersCloseWithoutAnyStopRule) {
-  const std::string answer = "HTTP/1.1 200 OK\r\n\r\n{\"uploadTotal\":5}";
-  ScriptedServer server({{0, answer}}, false);
-  ASSERT_NE(server.port, 0);
-  const Fetched fetched = Fetch(server.port);
-  EXPECT_TRUE(fetched.result);
-  EXPECT_EQ(fetched.response, answer);
-}
-
 TEST(LocalHttpGet, SilentServerCostsOneReceiveTimeOut) {
   ScriptedServer server({}, true);
   ASSERT_NE(server.port, 0);
