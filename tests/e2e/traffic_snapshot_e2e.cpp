@@ -24,9 +24,13 @@ namespace {
 constexpr std::string_view kEmptySnapshot =
     "{\"uploadBytesPerSecond\":0,\"downloadBytesPerSecond\":0,\"uploadTotalBytes\":0,"
     "\"downloadTotalBytes\":0,\"processes\":[]}";
-// Two controller requests, each bounded by the helper's 1200 ms receive
-// time-out, plus the tables: far below this unless a time-out is missing.
-constexpr double kWithinTimeOutsMs = 6000;
+// A controller that does not deliver may cost the snapshot its two receive
+// time-outs (1200 ms each) over what it takes with the controller off; the
+// rest is margin for a loaded machine. Measured against that baseline because
+// the socket tables alone take about 1.4 s under Wine (milliseconds on
+// Windows).
+constexpr double kTwoTimeOutsMs = 2 * 1200;
+constexpr double kMarginMs = 1500;
 
 bool RunningUnderWine() {
   return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
@@ -242,12 +246,15 @@ TEST_F(TrafficSnapshot, ControllerThatDoesNotDeliverGivesZerosAndStillListsProce
       {"Content-Length after a tab", Config(kController, Figures("length-after-tab")),
        kReportedFigures},
   };
+  double baselineMs = 0;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     StartCore(c.config);
     const Snapshot snapshot = TakeSnapshot();
     ExpectSnapshot(snapshot, c.figures);
-    EXPECT_LT(snapshot.elapsedMs, kWithinTimeOutsMs);
+    if (baselineMs == 0) baselineMs = snapshot.elapsedMs;  // the controller-off case
+    EXPECT_LT(snapshot.elapsedMs, baselineMs + kTwoTimeOutsMs + kMarginMs)
+        << "controller off took " << baselineMs << " ms";
   }
 }
 
