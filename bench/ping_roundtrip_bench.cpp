@@ -5,7 +5,7 @@
 #include <thread>
 #include <vector>
 
-#include "bench_stats.h"
+#include "bench_load.h"
 #include "support/helper_process.h"
 #include "support/http_client.h"
 
@@ -17,7 +17,6 @@ constexpr unsigned short kFloorPort = 17991;
 constexpr int kSequential = 1000;
 constexpr int kClients = 8;
 constexpr int kPerClient = 250;
-const std::string kPingRequest = "GET /ping HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
 const std::string kPong =
     "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 4\r\nConnection: close\r\n\r\npong";
 
@@ -32,55 +31,11 @@ void RunFloorServer(SOCKET listener) {
   }
 }
 
-bool OneRoundTrip(unsigned short port, double& elapsedUs) {
-  const double start = bench::NowUs();
-  const test::HttpAnswer answer = test::ExchangeRaw(kPingRequest, port, 10000);
-  elapsedUs = bench::NowUs() - start;
-  return answer.raw == kPong;
-}
-
-struct Run {
-  bench::Summary summary;
-  int errors = 0;
-  double wallMs = 0;
-};
-
-Run Measure(unsigned short port, int clients, int perClient) {
-  std::vector<std::vector<double>> samples(static_cast<std::size_t>(clients));
-  std::vector<int> errors(static_cast<std::size_t>(clients), 0);
-  const double start = bench::NowUs();
-  std::vector<std::thread> threads;
-  for (int c = 0; c < clients; ++c) {
-    threads.emplace_back([&, c] {
-      for (int i = 0; i < perClient; ++i) {
-        double us = 0;
-        if (OneRoundTrip(port, us)) {
-          samples[static_cast<std::size_t>(c)].push_back(us);
-        } else {
-          ++errors[static_cast<std::size_t>(c)];
-        }
-      }
-    });
-  }
-  for (std::thread& t : threads) t.join();
-  Run run;
-  run.wallMs = (bench::NowUs() - start) / 1000.0;
-  std::vector<double> all;
-  for (std::size_t c = 0; c < samples.size(); ++c) {
-    all.insert(all.end(), samples[c].begin(), samples[c].end());
-    run.errors += errors[c];
-  }
-  run.summary = bench::Summarize(all);
-  return run;
-}
-
-void Report(const char* label, const Run& helper, const Run& floor) {
-  std::printf("%s\n  helper: %s, errors %d, %.0f req/s\n  floor:  %s, errors %d, %.0f req/s\n"
-              "  ratio helper/floor: median %.2f, p99 %.2f\n",
-              label, bench::Describe(helper.summary).c_str(), helper.errors,
-              helper.summary.count * 1000.0 / helper.wallMs, bench::Describe(floor.summary).c_str(),
-              floor.errors, floor.summary.count * 1000.0 / floor.wallMs,
-              helper.summary.medianUs / floor.summary.medianUs, helper.summary.p99Us / floor.summary.p99Us);
+void Report(const char* label, const bench::LoadRun& helper, const bench::LoadRun& floor) {
+  std::printf("%s\n  helper: %s\n  floor:  %s\n  ratio helper/floor: median %.2f, p99 %.2f\n", label,
+              bench::DescribeLoad(helper).c_str(), bench::DescribeLoad(floor).c_str(),
+              helper.summary.medianUs / floor.summary.medianUs,
+              helper.summary.p99Us / floor.summary.p99Us);
 }
 
 }  // namespace
@@ -104,13 +59,13 @@ int main() {
     std::printf("helper did not start: %s\n", helper.error.c_str());
     return 1;
   }
-  Measure(test::kHelperPort, 1, 50);  // warm-up
-  Measure(kFloorPort, 1, 50);
+  bench::RunPingLoad(test::kHelperPort, 1, 50);  // warm-up
+  bench::RunPingLoad(kFloorPort, 1, 50);
   std::printf("GET /ping, new connection per request, under Wine on this machine\n");
-  Report("sequential (1 client x 1000)", Measure(test::kHelperPort, 1, kSequential),
-         Measure(kFloorPort, 1, kSequential));
-  Report("concurrent (8 clients x 250)", Measure(test::kHelperPort, kClients, kPerClient),
-         Measure(kFloorPort, kClients, kPerClient));
+  Report("sequential (1 client x 1000)", bench::RunPingLoad(test::kHelperPort, 1, kSequential),
+         bench::RunPingLoad(kFloorPort, 1, kSequential));
+  Report("concurrent (8 clients x 250)", bench::RunPingLoad(test::kHelperPort, kClients, kPerClient),
+         bench::RunPingLoad(kFloorPort, kClients, kPerClient));
   closesocket(listener);
   return 0;
 }

@@ -1,0 +1,237 @@
+// Load and fault run against a freshly started helper: ping load with and
+// without 200 idle connections held open, the helper's own usage at start,
+// after the load and after start/stop cycles and URL tests, and the faults a
+// real machine throws at it (a core killed from outside, a silent
+// controller, a client hanging up mid-stream, concurrent URL tests with one
+// cancelled). It prints figures; timing never fails it. A wrong answer, a
+// lost answer or a process left behind is printed as UNEXPECTED and makes the
+// exit code 1.
+#include <chrono>
+#include <cstdio>
+#include <thread>
+#include <vector>
+
+#include "bench_load.h"
+#include "support/helper_process.h"
+#include "support/http_client.h"
+#include "support/proxy_registry.h"
+#include "support/urltest_client.h"
+#include "urltest/urltest_body.h"
+
+using namespace orvel;
+
+namespace {
+
+constexpr int kLoadClients = 8;
+constexpr int kLoadPerClient = 1250;  // 10,000 requests in all
+constexpr int kIdleConnections = 200;
+constexpr int kIdleLoadPerClient = 250;
+constexpr int kStartStopCycles = 100;
+constexpr int kUrlTests = 20;
+constexpr int kNodesPerUrlTest = 12;
+
+const std::string kConnected = "\"status\":\"connected\"";
+const std::string kProxyConfig =
+    R"({"inbounds":[{"type":"mixed","tag":"orvel-vpn-mixed","listen":"127.0.0.1","listen_port":2080}]})";
+
+int unexpected = 0;
+
+void Check(bool ok, const char* what) {
+  std::printf("  %s %s\n", ok ? "ok:        " : "UNEXPECTED:", what);
+  if (!ok) ++unexpected;
+}
+
+std::string UrlTestBody(const std::string& requestId, int nodes, const std::string& tagSuffix) {
+  UrlTestRequest request;
+  request.requestId = requestId;
+  request.url = "http://example.test/generate_204";
+  for (int i = 0; i < nodes; ++i) {
+    std::string tag = "n";  // built in steps: GCC 12 warns falsely on a + b + c here
+    tag += std::to_string(i);
+    tag += tagSuffix;
+    request.nodeTags.push_back(tag);
+  }
+  request.config = R"({"outbounds":[{"type":"direct","tag":"direct"}]})";
+  return EncodeUrlTestBody(request, 2);
+}
+
+// Lines of a finished stream that carry a delay above zero.
+int GoodLines(const test::UrlTestStream& stream) {
+  int good = 0;
+  for (const test::StreamLine& line : stream.lines) {
+    test::ResultLine result;
+    if (test::ParseResultLine(line, result) && result.delayMs > 0) ++good;
+  }
+  return good;
+}
+
+// Polls until no sing-box.exe runs (up to timeoutMs).
+bool WaitNoCores(unsigned timeoutMs) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  while (test::CountProcessesNamed(L"sing-box.exe") != 0) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
+}
+
+int CountInLog(const std::string& text) {
+  const std::string log = test::Request("GET", "/logs").body;
+  int count = 0;
+  for (std::size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++count;
+  return count;
+}
+
+// Waits until `text` occurs in the log more often than `seenBefore` times.
+bool WaitForLog(const std::string& text, int seenBefore, unsigned timeoutMs) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  while (CountInLog(text) <= seenBefore) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return true;
+}
+
+void RunPingLoads(test::ScopedHelper& helper) {
+  const bench::LoadRun load = bench::RunPingLoad(test::kHelperPort, kLoadClients, kLoadPerClient);
+  std::printf("10,000 GET /ping from 8 clients: %s\n", bench::DescribeLoad(load).c_str());
+  Check(load.errors == 0 && load.summary.count == 10000, "every request answered with exactly pong");
+  std::printf("  usage after the load: %s\n",
+              bench::DescribeUsage(bench::MeasureProcess(helper.process.hProcess)).c_str());
+
+  std::vector<SOCKET> idle;
+  for (int i = 0; i < kIdleConnections; ++i) {
+    const SOCKET s = test::ConnectLoopback(test::kHelperPort, 30000);
+    if (s != INVALID_SOCKET) idle.push_back(s);
+  }
+  const bench::LoadRun held = bench::RunPingLoad(test::kHelperPort, kLoadClients, kIdleLoadPerClient);
+  std::printf("%zu idle connections held open (connected, nothing sent), 2,000 GET /ping from 8 "
+              "clients: %s\n",
+              idle.size(), bench::DescribeLoad(held).c_str());
+  Check(idle.size() == kIdleConnections, "all 200 idle connections accepted");
+  Check(held.errors == 0, "/ping answered while they are held");
+  std::printf("  usage while they are held: %s\n",
+              bench::DescribeUsage(bench::MeasureProcess(helper.process.hProcess)).c_str());
+  for (SOCKET s : idle) closesocket(s);
+}
+
+void RunCyclesAndUrlTests(test::ScopedHelper& helper, const bench::ProcessUsage& afterLoad) {
+  int failures = 0;
+  for (int i = 0; i < kStartStopCycles; ++i) {
+    const std::string path = i % 2 == 0 ? "/start" : "/start-tun";
+    if (test::Request("POST", path, kProxyConfig).body.find(kConnected) == std::string::npos) ++failures;
+    test::Request("POST", "/stop");
+  }
+  std::printf("%d start/stop cycles (proxy and TUN alternating): failures %d\n", kStartStopCycles,
+              failures);
+  Check(failures == 0, "every start connected");
+
+  int lostLines = 0;
+  for (int i = 0; i < kUrlTests; ++i) {
+    const test::UrlTestStream stream =
+        test::RunUrlTest(UrlTestBody(std::string("load-").append(std::to_string(i)), kNodesPerUrlTest,
+                                     "-delay-20"));
+    lostLines += kNodesPerUrlTest - GoodLines(stream);
+  }
+  std::printf("%d URL tests of %d nodes: lines lost or failed %d\n", kUrlTests, kNodesPerUrlTest,
+              lostLines);
+  Check(lostLines == 0, "every node reported with a delay");
+  Check(WaitNoCores(5000), "no sing-box.exe left");
+  Check(test::UrlTestConfigFiles().empty(), "no temporary configuration left");
+  const bench::ProcessUsage after = bench::MeasureProcess(helper.process.hProcess);
+  std::printf("  usage after cycles and URL tests: %s\n  growth since the ping load: %s\n",
+              bench::DescribeUsage(after).c_str(), bench::DescribeGrowth(afterLoad, after).c_str());
+}
+
+void RunCoreKilledFromOutside() {
+  std::printf("fault: the core killed from outside\n");
+  Check(test::Request("POST", "/start-tun", kProxyConfig).body.find(kConnected) != std::string::npos,
+        "TUN start connected");
+  test::KillProcessesNamed(L"sing-box.exe");
+  Check(test::Request("GET", "/status").body.find("\"Windows helper idle\"") != std::string::npos,
+        "status then says disconnected / idle");
+  Check(test::Request("POST", "/start-tun", kProxyConfig).body.find(kConnected) != std::string::npos,
+        "the next start works");
+  test::Request("POST", "/stop");
+  Check(WaitNoCores(5000), "stop leaves no core");
+}
+
+void RunClientHangsUpMidStream() {
+  std::printf("fault: a client hangs up in the middle of a URL test stream\n");
+  const std::string completed = "URLTest stream completed for 12 nodes";
+  const int completedBefore = CountInLog(completed);
+  const SOCKET s = test::StartUrlTest(UrlTestBody("hang-up", 12, "-delay-1500"));
+  char head[74];
+  const int got = recv(s, head, sizeof(head), MSG_WAITALL);
+  closesocket(s);
+  Check(got == 74, "the stream head arrived before the hang-up");
+  Check(WaitForLog(completed, completedBefore, 15000), "the test ran to its end");
+  Check(WaitNoCores(5000), "every test process ended");
+  const std::vector<std::wstring> left = test::UrlTestConfigFiles();
+  for (const std::wstring& name : left) std::printf("  left: %s\n", test::ToUtf8(name).c_str());
+  Check(left.empty(), "the temporary file is gone");
+}
+
+void RunConcurrentSessionsOneCancelled() {
+  std::printf("fault: four URL test sessions at once, one cancelled\n");
+  const char* ids[] = {"s-a", "s-b", "s-c", "s-d"};
+  std::vector<test::UrlTestStream> streams(4);
+  std::vector<double> closedMs(4);
+  const double start = bench::NowUs();
+  std::vector<std::thread> sessions;
+  for (int i = 0; i < 4; ++i) {
+    sessions.emplace_back([&, i] {
+      streams[i] = test::RunUrlTest(UrlTestBody(ids[i], 3, "-delay-2000"));
+      closedMs[i] = (bench::NowUs() - start) / 1000.0;
+    });
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(700));
+  const std::string answer = test::Request("POST", "/cancel-urltest", "s-b").body;
+  for (std::thread& t : sessions) t.join();
+  std::printf("  stream closed after: a %.0f ms, b %.0f ms (cancelled), c %.0f ms, d %.0f ms\n",
+              closedMs[0], closedMs[1], closedMs[2], closedMs[3]);
+  Check(answer == R"({"status":"canceled"})", "the cancel is answered");
+  Check(streams[1].lines.empty() && closedMs[1] < closedMs[0], "the cancelled session stops early");
+  Check(GoodLines(streams[0]) == 3 && GoodLines(streams[2]) == 3 && GoodLines(streams[3]) == 3,
+        "the other three report all their nodes");
+  Check(WaitForLog("URLTest cancel requested: s-b, processes=3", 0, 1000), "the cancel ended 3 processes");
+  Check(WaitNoCores(5000), "no test process left");
+}
+
+}  // namespace
+
+int main() {
+  test::ResetTestRecords();
+  test::ClearFetchRecords();
+  const test::ProxyValues userProxy = test::ReadProxyValues();
+  test::ScopedHelper helper;
+  if (!helper.Start(test::CorePlacement::kBesideExe)) {
+    std::printf("helper did not start: %s\n", helper.error.c_str());
+    return 1;
+  }
+  std::printf("OrvelVpnHelper load and fault run, under Wine on this machine\n");
+  const bench::ProcessUsage atStart = bench::MeasureProcess(helper.process.hProcess);
+  std::printf("usage at start: %s\n", bench::DescribeUsage(atStart).c_str());
+
+  RunPingLoads(helper);
+  // The threads of the closed idle connections end as their reads fail.
+  bench::ProcessUsage afterLoad = bench::MeasureProcess(helper.process.hProcess);
+  for (int i = 0; i < 100 && afterLoad.threads > atStart.threads; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    afterLoad = bench::MeasureProcess(helper.process.hProcess);
+  }
+  RunCyclesAndUrlTests(helper, afterLoad);
+  RunCoreKilledFromOutside();
+  RunClientHangsUpMidStream();
+  RunConcurrentSessionsOneCancelled();
+
+  const bench::ProcessUsage atEnd = bench::MeasureProcess(helper.process.hProcess);
+  std::printf("usage at the end: %s\n  growth since start: %s\n", bench::DescribeUsage(atEnd).c_str(),
+              bench::DescribeGrowth(atStart, atEnd).c_str());
+  Check(helper.Running(), "the helper is still running");
+  helper.Stop();
+  test::WriteProxyValues(userProxy);
+  test::ResetTestRecords();
+  std::printf("%s\n", unexpected == 0 ? "no unexpected outcome" : "UNEXPECTED outcomes above");
+  return unexpected == 0 ? 0 : 1;
+}
