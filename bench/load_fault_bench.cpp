@@ -156,6 +156,26 @@ void RunCoreKilledFromOutside() {
   Check(WaitNoCores(5000), "stop leaves no core");
 }
 
+void RunSilentController() {
+  std::printf("fault: the core's controller accepts and never answers\n");
+  const std::string config =
+      R"({"experimental":{"clash_api":{"external_controller":"127.0.0.1:19090"}},)"
+      R"("x-test-controller":{"mode":"silent"}})";
+  Check(test::Request("POST", "/start-tun", config).body.find(kConnected) != std::string::npos,
+        "TUN start with a silent controller connected");
+  const double start = bench::NowUs();
+  const std::string snapshot = test::Request("GET", "/traffic-snapshot").body;
+  const double elapsedMs = (bench::NowUs() - start) / 1000.0;
+  std::printf("  snapshot answered in %.0f ms (two 1200 ms receive time-outs plus the tables)\n",
+              elapsedMs);
+  Check(snapshot.rfind("{\"uploadBytesPerSecond\":0,\"downloadBytesPerSecond\":0,"
+                       "\"uploadTotalBytes\":0,\"downloadTotalBytes\":0,\"processes\":[",
+                       0) == 0,
+        "the snapshot answers with zero figures");
+  test::Request("POST", "/stop");
+  Check(WaitNoCores(5000), "stop leaves no core");
+}
+
 void RunClientHangsUpMidStream() {
   std::printf("fault: a client hangs up in the middle of a URL test stream\n");
   const std::string completed = "URLTest stream completed for 12 nodes";
@@ -222,8 +242,17 @@ int main() {
   }
   RunCyclesAndUrlTests(helper, afterLoad);
   RunCoreKilledFromOutside();
+  RunSilentController();
   RunClientHangsUpMidStream();
   RunConcurrentSessionsOneCancelled();
+
+  // The same load again: memory that grows per request would show up here.
+  const bench::ProcessUsage beforeRepeat = bench::MeasureProcess(helper.process.hProcess);
+  const bench::LoadRun repeat = bench::RunPingLoad(test::kHelperPort, kLoadClients, kLoadPerClient);
+  const bench::ProcessUsage afterRepeat = bench::MeasureProcess(helper.process.hProcess);
+  std::printf("10,000 GET /ping again: %s\n  growth over it: %s\n", bench::DescribeLoad(repeat).c_str(),
+              bench::DescribeGrowth(beforeRepeat, afterRepeat).c_str());
+  Check(repeat.errors == 0, "every request answered again");
 
   const bench::ProcessUsage atEnd = bench::MeasureProcess(helper.process.hProcess);
   std::printf("usage at the end: %s\n  growth since start: %s\n", bench::DescribeUsage(atEnd).c_str(),
