@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "core/config_inspect.h"
+#include "core/mixed_port.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const int port = orvel::FindMixedInboundPort(std::string_view(reinterpret_cast<const char*>(data), size));

@@ -1,7 +1,7 @@
 #include "core/vpn_commands.h"
 
 #include "api/json_text.h"
-#include "core/config_inspect.h"
+#include "core/mixed_port.h"
 #include "core/core_process.h"
 #include "core/data_files.h"
 #include "core/paths.h"

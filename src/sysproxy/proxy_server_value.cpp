@@ -1,6 +1,6 @@
 #include "sysproxy/proxy_server_value.h"
 
-#include "core/config_inspect.h"
+#include "core/mixed_port.h"
 
 namespace orvel {
 

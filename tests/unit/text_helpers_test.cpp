@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "api/json_text.h"
-#include "core/config_inspect.h"
+#include "core/mixed_port.h"
 #include "log/log_buffer.h"
 
 namespace orvel {

@@ -1,4 +1,4 @@
-#include "core/config_inspect.h"
+#include "core/mixed_port.h"
 
 #include <cstdint>
 
