@@ -76,6 +76,12 @@ long Delta(SIZE_T before, SIZE_T after) {
 
 }  // namespace
 
+bool StartBenchHelper(test::ScopedHelper& helper, test::CorePlacement core) {
+  if (helper.Start(core)) return true;
+  std::printf("helper did not start: %s\n", helper.error.c_str());
+  return false;
+}
+
 LoadRun RunPingLoad(unsigned short port, int clients, int perClient) {
   std::vector<std::vector<double>> samples(static_cast<std::size_t>(clients));
   std::vector<int> errors(static_cast<std::size_t>(clients), 0);

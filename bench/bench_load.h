@@ -8,8 +8,12 @@
 #include <string>
 
 #include "bench_stats.h"
+#include "support/helper_process.h"
 
 namespace orvel::bench {
+
+// Starts a fresh helper for a benchmark; prints why when it does not start.
+bool StartBenchHelper(test::ScopedHelper& helper, test::CorePlacement core);
 
 struct LoadRun {
   Summary summary;  // round trips that got the exact "pong" answer

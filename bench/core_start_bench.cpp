@@ -33,10 +33,7 @@ int main() {
   test::ResetTestRecords();
   const test::ProxyValues before = test::ReadProxyValues();
   test::ScopedHelper helper;
-  if (!helper.Start(test::CorePlacement::kBesideExe)) {
-    std::printf("helper did not start: %s\n", helper.error.c_str());
-    return 1;
-  }
+  if (!bench::StartBenchHelper(helper, test::CorePlacement::kBesideExe)) return 1;
   Cycle("/start");  // warm-up: first load of wininet, first data directory
 
   std::vector<double> samples;

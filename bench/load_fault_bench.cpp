@@ -225,10 +225,7 @@ int main() {
   test::ClearFetchRecords();
   const test::ProxyValues userProxy = test::ReadProxyValues();
   test::ScopedHelper helper;
-  if (!helper.Start(test::CorePlacement::kBesideExe)) {
-    std::printf("helper did not start: %s\n", helper.error.c_str());
-    return 1;
-  }
+  if (!bench::StartBenchHelper(helper, test::CorePlacement::kBesideExe)) return 1;
   std::printf("OrvelVpnHelper load and fault run, under Wine on this machine\n");
   const bench::ProcessUsage atStart = bench::MeasureProcess(helper.process.hProcess);
   std::printf("usage at start: %s\n", bench::DescribeUsage(atStart).c_str());

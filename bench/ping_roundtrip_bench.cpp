@@ -55,10 +55,7 @@ int main() {
   std::thread(RunFloorServer, listener).detach();
 
   test::ScopedHelper helper;
-  if (!helper.Start(test::CorePlacement::kNone)) {
-    std::printf("helper did not start: %s\n", helper.error.c_str());
-    return 1;
-  }
+  if (!bench::StartBenchHelper(helper, test::CorePlacement::kNone)) return 1;
   bench::RunPingLoad(test::kHelperPort, 1, 50);  // warm-up
   bench::RunPingLoad(kFloorPort, 1, 50);
   std::printf("GET /ping, new connection per request, under Wine on this machine\n");

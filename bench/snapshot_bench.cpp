@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "bench_stats.h"
+#include "bench_load.h"
 #include "support/helper_process.h"
 #include "support/http_client.h"
 
@@ -67,10 +67,7 @@ bool StartCore(const std::string& config) {
 
 int main() {
   test::ScopedHelper helper;
-  if (!helper.Start(test::CorePlacement::kBesideExe)) {
-    std::printf("helper did not start: %s\n", helper.error.c_str());
-    return 1;
-  }
+  if (!bench::StartBenchHelper(helper, test::CorePlacement::kBesideExe)) return 1;
   std::printf("GET /traffic-snapshot, new connection per request, under Wine on this machine\n");
   Measure(5);  // warm-up
   Report("no core (the fixed empty answer)", Measure(200));

@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <vector>
 
-#include "bench_stats.h"
+#include "bench_load.h"
 #include "support/helper_process.h"
 #include "support/http_client.h"
 #include "support/urltest_client.h"
@@ -78,10 +78,7 @@ std::string NodesBody() {
 
 int main() {
   test::ScopedHelper helper;
-  if (!helper.Start(test::CorePlacement::kBesideExe)) {
-    std::printf("helper did not start: %s\n", helper.error.c_str());
-    return 1;
-  }
+  if (!bench::StartBenchHelper(helper, test::CorePlacement::kBesideExe)) return 1;
   const std::string body = NodesBody();
   test::ClearFetchRecords();
   test::RunUrlTest(body);  // warm-up: file cache, first thread creation
