@@ -16,7 +16,8 @@ namespace {
 
 const std::string kPingRequest = "GET /ping HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
 const std::string kPong =
-    "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 4\r\nConnection: close\r\n\r\npong";
+    "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 4\r\nConnection: "
+    "close\r\n\r\npong";
 
 // Wine answers GetProcessHandleCount with 0, so the handles are counted in
 // the system-wide handle list as well (SystemExtendedHandleInformation).
@@ -139,19 +140,20 @@ std::string DescribeUsage(const ProcessUsage& usage) {
   char text[160];
   std::snprintf(text, sizeof(text),
                 "handles %lu, threads %lu, private %zu KiB, committed %zu KiB, working set %zu KiB",
-                usage.handles, usage.threads, usage.privateBytes / 1024, usage.committedBytes / 1024,
-                usage.workingSetBytes / 1024);
+                usage.handles, usage.threads, usage.privateBytes / 1024,
+                usage.committedBytes / 1024, usage.workingSetBytes / 1024);
   return text;
 }
 
 std::string DescribeGrowth(const ProcessUsage& before, const ProcessUsage& after) {
   char text[160];
-  std::snprintf(text, sizeof(text),
-                "handles %+ld, threads %+ld, private %+ld KiB, committed %+ld KiB, working set %+ld KiB",
-                Delta(before.handles, after.handles), Delta(before.threads, after.threads),
-                Delta(before.privateBytes, after.privateBytes) / 1024,
-                Delta(before.committedBytes, after.committedBytes) / 1024,
-                Delta(before.workingSetBytes, after.workingSetBytes) / 1024);
+  std::snprintf(
+      text, sizeof(text),
+      "handles %+ld, threads %+ld, private %+ld KiB, committed %+ld KiB, working set %+ld KiB",
+      Delta(before.handles, after.handles), Delta(before.threads, after.threads),
+      Delta(before.privateBytes, after.privateBytes) / 1024,
+      Delta(before.committedBytes, after.committedBytes) / 1024,
+      Delta(before.workingSetBytes, after.workingSetBytes) / 1024);
   return text;
 }
 

@@ -78,7 +78,8 @@ bool WaitNoCores(unsigned timeoutMs) {
 int CountInLog(const std::string& text) {
   const std::string log = test::Request("GET", "/logs").body;
   int count = 0;
-  for (std::size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++count;
+  for (std::size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1))
+    ++count;
   return count;
 }
 
@@ -95,7 +96,8 @@ bool WaitForLog(const std::string& text, int seenBefore, unsigned timeoutMs) {
 void RunPingLoads(test::ScopedHelper& helper) {
   const bench::LoadRun load = bench::RunPingLoad(test::kHelperPort, kLoadClients, kLoadPerClient);
   std::printf("10,000 GET /ping from 8 clients: %s\n", bench::DescribeLoad(load).c_str());
-  Check(load.errors == 0 && load.summary.count == 10000, "every request answered with exactly pong");
+  Check(load.errors == 0 && load.summary.count == 10000,
+        "every request answered with exactly pong");
   std::printf("  usage after the load: %s\n",
               bench::DescribeUsage(bench::MeasureProcess(helper.process.hProcess)).c_str());
 
@@ -104,10 +106,12 @@ void RunPingLoads(test::ScopedHelper& helper) {
     const SOCKET s = test::ConnectLoopback(test::kHelperPort, 30000);
     if (s != INVALID_SOCKET) idle.push_back(s);
   }
-  const bench::LoadRun held = bench::RunPingLoad(test::kHelperPort, kLoadClients, kIdleLoadPerClient);
-  std::printf("%zu idle connections held open (connected, nothing sent), 2,000 GET /ping from 8 "
-              "clients: %s\n",
-              idle.size(), bench::DescribeLoad(held).c_str());
+  const bench::LoadRun held =
+      bench::RunPingLoad(test::kHelperPort, kLoadClients, kIdleLoadPerClient);
+  std::printf(
+      "%zu idle connections held open (connected, nothing sent), 2,000 GET /ping from 8 "
+      "clients: %s\n",
+      idle.size(), bench::DescribeLoad(held).c_str());
   Check(idle.size() == kIdleConnections, "all 200 idle connections accepted");
   Check(held.errors == 0, "/ping answered while they are held");
   std::printf("  usage while they are held: %s\n",
@@ -119,7 +123,8 @@ void RunCyclesAndUrlTests(test::ScopedHelper& helper, const bench::ProcessUsage&
   int failures = 0;
   for (int i = 0; i < kStartStopCycles; ++i) {
     const std::string path = i % 2 == 0 ? "/start" : "/start-tun";
-    if (test::Request("POST", path, kProxyConfig).body.find(kConnected) == std::string::npos) ++failures;
+    if (test::Request("POST", path, kProxyConfig).body.find(kConnected) == std::string::npos)
+      ++failures;
     test::Request("POST", "/stop");
   }
   std::printf("%d start/stop cycles (proxy and TUN alternating): failures %d\n", kStartStopCycles,
@@ -128,9 +133,8 @@ void RunCyclesAndUrlTests(test::ScopedHelper& helper, const bench::ProcessUsage&
 
   int lostLines = 0;
   for (int i = 0; i < kUrlTests; ++i) {
-    const test::UrlTestStream stream =
-        test::RunUrlTest(UrlTestBody(std::string("load-").append(std::to_string(i)), kNodesPerUrlTest,
-                                     "-delay-20"));
+    const test::UrlTestStream stream = test::RunUrlTest(
+        UrlTestBody(std::string("load-").append(std::to_string(i)), kNodesPerUrlTest, "-delay-20"));
     lostLines += kNodesPerUrlTest - GoodLines(stream);
   }
   std::printf("%d URL tests of %d nodes: lines lost or failed %d\n", kUrlTests, kNodesPerUrlTest,
@@ -145,13 +149,15 @@ void RunCyclesAndUrlTests(test::ScopedHelper& helper, const bench::ProcessUsage&
 
 void RunCoreKilledFromOutside() {
   std::printf("fault: the core killed from outside\n");
-  Check(test::Request("POST", "/start-tun", kProxyConfig).body.find(kConnected) != std::string::npos,
-        "TUN start connected");
+  Check(
+      test::Request("POST", "/start-tun", kProxyConfig).body.find(kConnected) != std::string::npos,
+      "TUN start connected");
   test::KillProcessesNamed(L"sing-box.exe");
   Check(test::Request("GET", "/status").body.find("\"Windows helper idle\"") != std::string::npos,
         "status then says disconnected / idle");
-  Check(test::Request("POST", "/start-tun", kProxyConfig).body.find(kConnected) != std::string::npos,
-        "the next start works");
+  Check(
+      test::Request("POST", "/start-tun", kProxyConfig).body.find(kConnected) != std::string::npos,
+      "the next start works");
   test::Request("POST", "/stop");
   Check(WaitNoCores(5000), "stop leaves no core");
 }
@@ -214,7 +220,8 @@ void RunConcurrentSessionsOneCancelled() {
   Check(streams[1].lines.empty() && closedMs[1] < closedMs[0], "the cancelled session stops early");
   Check(GoodLines(streams[0]) == 3 && GoodLines(streams[2]) == 3 && GoodLines(streams[3]) == 3,
         "the other three report all their nodes");
-  Check(WaitForLog("URLTest cancel requested: s-b, processes=3", 0, 1000), "the cancel ended 3 processes");
+  Check(WaitForLog("URLTest cancel requested: s-b, processes=3", 0, 1000),
+        "the cancel ended 3 processes");
   Check(WaitNoCores(5000), "no test process left");
 }
 
@@ -247,13 +254,14 @@ int main() {
   const bench::ProcessUsage beforeRepeat = bench::MeasureProcess(helper.process.hProcess);
   const bench::LoadRun repeat = bench::RunPingLoad(test::kHelperPort, kLoadClients, kLoadPerClient);
   const bench::ProcessUsage afterRepeat = bench::MeasureProcess(helper.process.hProcess);
-  std::printf("10,000 GET /ping again: %s\n  growth over it: %s\n", bench::DescribeLoad(repeat).c_str(),
+  std::printf("10,000 GET /ping again: %s\n  growth over it: %s\n",
+              bench::DescribeLoad(repeat).c_str(),
               bench::DescribeGrowth(beforeRepeat, afterRepeat).c_str());
   Check(repeat.errors == 0, "every request answered again");
 
   const bench::ProcessUsage atEnd = bench::MeasureProcess(helper.process.hProcess);
-  std::printf("usage at the end: %s\n  growth since start: %s\n", bench::DescribeUsage(atEnd).c_str(),
-              bench::DescribeGrowth(atStart, atEnd).c_str());
+  std::printf("usage at the end: %s\n  growth since start: %s\n",
+              bench::DescribeUsage(atEnd).c_str(), bench::DescribeGrowth(atStart, atEnd).c_str());
   Check(helper.Running(), "the helper is still running");
   helper.Stop();
   test::WriteProxyValues(userProxy);

@@ -18,7 +18,8 @@ constexpr int kSequential = 1000;
 constexpr int kClients = 8;
 constexpr int kPerClient = 250;
 const std::string kPong =
-    "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 4\r\nConnection: close\r\n\r\npong";
+    "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 4\r\nConnection: "
+    "close\r\n\r\npong";
 
 void RunFloorServer(SOCKET listener) {
   for (;;) {
@@ -32,8 +33,8 @@ void RunFloorServer(SOCKET listener) {
 }
 
 void Report(const char* label, const bench::LoadRun& helper, const bench::LoadRun& floor) {
-  std::printf("%s\n  helper: %s\n  floor:  %s\n  ratio helper/floor: median %.2f, p99 %.2f\n", label,
-              bench::DescribeLoad(helper).c_str(), bench::DescribeLoad(floor).c_str(),
+  std::printf("%s\n  helper: %s\n  floor:  %s\n  ratio helper/floor: median %.2f, p99 %.2f\n",
+              label, bench::DescribeLoad(helper).c_str(), bench::DescribeLoad(floor).c_str(),
               helper.summary.medianUs / floor.summary.medianUs,
               helper.summary.p99Us / floor.summary.p99Us);
 }
@@ -61,7 +62,8 @@ int main() {
   std::printf("GET /ping, new connection per request, under Wine on this machine\n");
   Report("sequential (1 client x 1000)", bench::RunPingLoad(test::kHelperPort, 1, kSequential),
          bench::RunPingLoad(kFloorPort, 1, kSequential));
-  Report("concurrent (8 clients x 250)", bench::RunPingLoad(test::kHelperPort, kClients, kPerClient),
+  Report("concurrent (8 clients x 250)",
+         bench::RunPingLoad(test::kHelperPort, kClients, kPerClient),
          bench::RunPingLoad(kFloorPort, kClients, kPerClient));
   closesocket(listener);
   return 0;

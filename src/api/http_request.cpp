@@ -64,8 +64,8 @@ FrameStatus FeedRequestBytes(RequestFrame& frame, std::string_view bytes) {
         GetHeaderValue(std::string_view(frame.buffer).substr(0, at), "Content-Length");
     frame.contentLength = value.empty() ? 0 : ParseUnsignedLong32(value);
   }
-  const std::uint64_t needed = static_cast<std::uint64_t>(frame.headerEnd) + kHeadTerminator.size() +
-                               frame.contentLength;
+  const std::uint64_t needed =
+      static_cast<std::uint64_t>(frame.headerEnd) + kHeadTerminator.size() + frame.contentLength;
   return frame.buffer.size() >= needed ? FrameStatus::kComplete : FrameStatus::kNeedMore;
 }
 

@@ -1,9 +1,9 @@
 #include "core/vpn_commands.h"
 
 #include "api/json_text.h"
-#include "core/mixed_port.h"
 #include "core/core_process.h"
 #include "core/data_files.h"
+#include "core/mixed_port.h"
 #include "core/paths.h"
 #include "log/log_buffer.h"
 #include "sysproxy/system_proxy.h"

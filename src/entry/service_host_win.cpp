@@ -14,7 +14,8 @@ namespace {
 
 constexpr const wchar_t* kServiceDisplayName = L"Orvel VPN Helper Service";
 constexpr const wchar_t* kServiceDescription = L"Runs sing-box TUN mode for Orvel VPN.";
-constexpr DWORD kServiceAccess = WRITE_DAC | SERVICE_START | SERVICE_QUERY_STATUS | SERVICE_CHANGE_CONFIG;
+constexpr DWORD kServiceAccess =
+    WRITE_DAC | SERVICE_START | SERVICE_QUERY_STATUS | SERVICE_CHANGE_CONFIG;
 
 SERVICE_STATUS_HANDLE ServiceStatusHandle = nullptr;
 SERVICE_STATUS ServiceStatus{};
@@ -43,14 +44,15 @@ void WINAPI ServiceControlHandler(DWORD control) {
 int InstallService() {
   const std::wstring modulePath = GetExecutablePath();
   if (modulePath.empty()) return 1;
-  SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT | SC_MANAGER_CREATE_SERVICE);
+  SC_HANDLE manager =
+      OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT | SC_MANAGER_CREATE_SERVICE);
   if (manager == nullptr) return 2;
 
   const std::wstring binaryPath = L"\"" + modulePath + L"\"";
-  SC_HANDLE service = CreateServiceW(manager, kServiceName, kServiceDisplayName, kServiceAccess,
-                                     SERVICE_WIN32_OWN_PROCESS, SERVICE_AUTO_START,
-                                     SERVICE_ERROR_NORMAL, binaryPath.c_str(), nullptr, nullptr,
-                                     nullptr, nullptr, nullptr);
+  SC_HANDLE service =
+      CreateServiceW(manager, kServiceName, kServiceDisplayName, kServiceAccess,
+                     SERVICE_WIN32_OWN_PROCESS, SERVICE_AUTO_START, SERVICE_ERROR_NORMAL,
+                     binaryPath.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr);
   if (service == nullptr && GetLastError() == ERROR_SERVICE_EXISTS) {
     service = OpenServiceW(manager, kServiceName, kServiceAccess);
     if (service != nullptr) {
@@ -69,8 +71,8 @@ int InstallService() {
   ChangeServiceConfig2W(service, SERVICE_CONFIG_DESCRIPTION, &description);
 
   PSECURITY_DESCRIPTOR descriptor = nullptr;
-  if (ConvertStringSecurityDescriptorToSecurityDescriptorW(kServiceSecurityDescriptor, SDDL_REVISION_1,
-                                                           &descriptor, nullptr)) {
+  if (ConvertStringSecurityDescriptorToSecurityDescriptorW(kServiceSecurityDescriptor,
+                                                           SDDL_REVISION_1, &descriptor, nullptr)) {
     SetServiceObjectSecurity(service, DACL_SECURITY_INFORMATION, descriptor);
     LocalFree(descriptor);
   }

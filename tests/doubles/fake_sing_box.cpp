@@ -37,9 +37,9 @@ std::string DescribeInvocation() {
   GetCurrentDirectoryW(MAX_PATH, directory);
   std::string text = "commandLine=" + WideToUtf8(GetCommandLineW()) + "\n";
   text += "workingDirectory=" + WideToUtf8(directory) + "\n";
-  for (const wchar_t* name : {L"ENABLE_DEPRECATED_LEGACY_DNS_SERVERS",
-                              L"ENABLE_DEPRECATED_OUTBOUND_DNS_RULE_ITEM",
-                              L"ENABLE_DEPRECATED_MISSING_DOMAIN_RESOLVER"}) {
+  for (const wchar_t* name :
+       {L"ENABLE_DEPRECATED_LEGACY_DNS_SERVERS", L"ENABLE_DEPRECATED_OUTBOUND_DNS_RULE_ITEM",
+        L"ENABLE_DEPRECATED_MISSING_DOMAIN_RESOLVER"}) {
     wchar_t value[64] = {};
     GetEnvironmentVariableW(name, value, 64);
     text += WideToUtf8(name) + "=" + WideToUtf8(value) + "\n";

@@ -20,7 +20,8 @@ int CountCoreProcesses() {
   if (snapshot == INVALID_HANDLE_VALUE) return -1;
   PROCESSENTRY32W entry{};
   entry.dwSize = sizeof(entry);
-  for (BOOL more = Process32FirstW(snapshot, &entry); more; more = Process32NextW(snapshot, &entry)) {
+  for (BOOL more = Process32FirstW(snapshot, &entry); more;
+       more = Process32NextW(snapshot, &entry)) {
     if (_wcsicmp(entry.szExeFile, L"sing-box.exe") == 0) ++count;
   }
   CloseHandle(snapshot);

@@ -11,8 +11,8 @@
 
 #include "entry/service_host.h"
 #include "support/helper_process.h"
-#include "support/proxy_registry.h"
 #include "support/http_client.h"
+#include "support/proxy_registry.h"
 
 namespace orvel::test {
 namespace {
@@ -42,7 +42,8 @@ void RemoveService() {
     SERVICE_STATUS status{};
     ControlService(service.h, SERVICE_CONTROL_STOP, &status);
     for (int i = 0; i < 200; ++i) {
-      if (!QueryServiceStatus(service.h, &status) || status.dwCurrentState == SERVICE_STOPPED) break;
+      if (!QueryServiceStatus(service.h, &status) || status.dwCurrentState == SERVICE_STOPPED)
+        break;
       std::this_thread::sleep_for(std::chrono::milliseconds(25));
     }
     DeleteService(service.h);
@@ -70,8 +71,8 @@ bool RunningUnderWine() {
 
 std::wstring DaclText(PSECURITY_DESCRIPTOR descriptor) {
   LPWSTR text = nullptr;
-  if (!ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1,
-                                                            DACL_SECURITY_INFORMATION, &text, nullptr)) {
+  if (!ConvertSecurityDescriptorToStringSecurityDescriptorW(
+          descriptor, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &text, nullptr)) {
     return L"<unconvertible>";
   }
   std::wstring result(text);
@@ -229,8 +230,9 @@ constexpr std::string_view kProxyConfig =
 TEST_F(Service, RunsTheCoreInsideTheService) {
   ResetTestRecords();
   ASSERT_TRUE(InstallAndStart(helper.ExePath()));
-  EXPECT_EQ(Request("POST", "/start-tun", kProxyConfig).body,
-            R"({"status":"connected","platform":"windows","message":"Windows TUN helper connected"})");
+  EXPECT_EQ(
+      Request("POST", "/start-tun", kProxyConfig).body,
+      R"({"status":"connected","platform":"windows","message":"Windows TUN helper connected"})");
   EXPECT_EQ(CountProcessesNamed(L"sing-box.exe"), 1);
   EXPECT_EQ(Request("GET", "/status").body,
             R"({"status":"connected","platform":"windows","message":"Windows helper running"})");

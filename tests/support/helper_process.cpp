@@ -21,14 +21,15 @@ std::string ToUtf8(const std::wstring& text) {
   const int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr,
                                     0, nullptr, nullptr);
   std::string out(static_cast<std::size_t>(n), '\0');
-  WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), n, nullptr,
-                      nullptr);
+  WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), n,
+                      nullptr, nullptr);
   return out;
 }
 
 std::wstring FromUtf8(const std::string& text) {
   if (text.empty()) return {};
-  const int n = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
+  const int n =
+      MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
   std::wstring out(static_cast<std::size_t>(n), L'\0');
   MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), n);
   return out;
@@ -73,7 +74,8 @@ void ForEachProcessNamed(const wchar_t* exeName, Visit visit) {
   if (snapshot == INVALID_HANDLE_VALUE) return;
   PROCESSENTRY32W entry{};
   entry.dwSize = sizeof(entry);
-  for (BOOL more = Process32FirstW(snapshot, &entry); more; more = Process32NextW(snapshot, &entry)) {
+  for (BOOL more = Process32FirstW(snapshot, &entry); more;
+       more = Process32NextW(snapshot, &entry)) {
     if (_wcsicmp(entry.szExeFile, exeName) == 0) visit(entry.th32ProcessID);
   }
   CloseHandle(snapshot);
@@ -123,7 +125,8 @@ void ForgetLastStartedService() {
     return;
   }
   const DWORD unused = 0xFFFFFFF0;
-  RegSetValueExW(key, nullptr, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&unused), sizeof(unused));
+  RegSetValueExW(key, nullptr, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&unused),
+                 sizeof(unused));
   RegCloseKey(key);
 }
 
@@ -138,7 +141,8 @@ bool ScopedHelper::Start(const HelperOptions& options) {
   std::error_code ec;
   fs::remove_all(directory, ec);
   fs::create_directories(directory);
-  fs::copy_file(BinDirectory() + L"\\OrvelVpnHelper.exe", ExePath(), fs::copy_options::overwrite_existing);
+  fs::copy_file(BinDirectory() + L"\\OrvelVpnHelper.exe", ExePath(),
+                fs::copy_options::overwrite_existing);
   const std::wstring core = DoublesDirectory() + L"\\sing-box.exe";
   if (options.core == CorePlacement::kBesideExe) {
     fs::copy_file(core, directory + L"\\sing-box.exe");
@@ -164,8 +168,9 @@ bool ScopedHelper::Start(const HelperOptions& options) {
   STARTUPINFOW startup{};
   startup.cb = sizeof(startup);
   std::wstring commandLine = L"\"" + ExePath() + L"\"";
-  const BOOL created = CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE,
-                                      CREATE_SUSPENDED, nullptr, directory.c_str(), &startup, &process);
+  const BOOL created =
+      CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, CREATE_SUSPENDED,
+                     nullptr, directory.c_str(), &startup, &process);
   SetEnvironmentVariableW(L"PATH", oldPath);
   if (!created) {
     error = "CreateProcessW of the helper failed: " + std::to_string(GetLastError());

@@ -41,7 +41,8 @@ HttpAnswer ExchangeRaw(std::string_view request, unsigned short port = kHelperPo
                        unsigned timeoutMs = 30000);
 
 // A well-formed request with Content-Length (when the body is not empty).
-std::string BuildRequest(std::string_view method, std::string_view path, std::string_view body = {});
+std::string BuildRequest(std::string_view method, std::string_view path,
+                         std::string_view body = {});
 HttpAnswer Request(std::string_view method, std::string_view path, std::string_view body = {},
                    unsigned timeoutMs = 30000);
 
