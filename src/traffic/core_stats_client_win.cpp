@@ -1,5 +1,7 @@
 #include <winsock2.h>
 #include <ws2tcpip.h>
+// after winsock2.h: mstcpip.h depends on it.
+#include <mstcpip.h>
 
 #include "traffic/core_stats_client.h"
 
@@ -17,6 +19,16 @@ bool LocalHttpGet(std::uint16_t port, std::string_view path, std::uint32_t timeo
   const DWORD timeout = timeoutMs;
   setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&timeout), sizeof(timeout));
   setsockopt(s, SOL_SOCKET, SO_SNDTIMEO, reinterpret_cast<const char*>(&timeout), sizeof(timeout));
+  // Windows answers a refused loopback connect by sending its SYN again and
+  // reports the refusal only after about 2 s; with the controller disabled
+  // every snapshot would then wait 4 s. No SYN retransmission makes the
+  // refusal immediate, as on other systems. Where the ioctl is not supported
+  // (Wine) the connect behaves as before, so its result is not checked.
+  TCP_INITIAL_RTO_PARAMETERS noSynRetries{TCP_INITIAL_RTO_UNSPECIFIED_RTT,
+                                          TCP_INITIAL_RTO_NO_SYN_RETRANSMISSIONS};
+  DWORD returned = 0;
+  WSAIoctl(s, SIO_TCP_INITIAL_RTO, &noSynRetries, sizeof(noSynRetries), nullptr, 0, &returned,
+           nullptr, nullptr);
 
   sockaddr_in address{};
   address.sin_family = AF_INET;
