@@ -8,15 +8,9 @@ namespace {
 
 constexpr std::string_view kHeadTerminator = "\r\n\r\n";
 
-char LowerAscii(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
-
-bool IsCSpace(char c) {
-  return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
-}
-
 std::string Lowered(std::string_view text) {
   std::string out(text);
-  for (char& c : out) c = LowerAscii(c);
+  for (char& c : out) c = ToLowerAscii(c);
   return out;
 }
 

@@ -2,14 +2,6 @@
 
 namespace orvel {
 
-namespace {
-
-bool IsCSpace(char c) {
-  return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
-}
-
-}  // namespace
-
 std::uint32_t ParseUnsignedLong32(std::string_view text) {
   std::size_t pos = 0;
   while (pos < text.size() && IsCSpace(text[pos])) ++pos;

@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+#include "api/number_text.h"
+
 namespace orvel {
 
 namespace {
@@ -9,10 +11,6 @@ namespace {
 constexpr std::string_view kSpacedTagNeedle = "\"tag\": \"orvel-vpn-mixed\"";
 constexpr std::string_view kCompactTagNeedle = "\"tag\":\"orvel-vpn-mixed\"";
 constexpr std::string_view kPortKeyNeedle = "\"listen_port\"";
-
-bool IsCSpace(char c) {
-  return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
-}
 
 }  // namespace
 

@@ -8,8 +8,6 @@ namespace {
 
 constexpr std::string_view kLengthHeader = "content-length:";
 
-char ToLowerAscii(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-
 // First position of `lowerNeedle` in `text` compared in lower case, or npos.
 // Searching in place instead of lower-casing a copy of the head keeps each
 // check linear without an allocation; the answer is the same.

@@ -3,14 +3,11 @@
 #include <limits>
 
 #include "api/json_text.h"
+#include "api/number_text.h"
 
 namespace orvel {
 
 namespace {
-
-bool IsCSpace(char c) {
-  return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
-}
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 

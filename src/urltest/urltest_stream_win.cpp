@@ -1,9 +1,8 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <system_error>
 
+#include "core/data_files.h"
 #include "core/paths.h"
 #include "log/log_buffer.h"
 #include "urltest/urltest_registry.h"
@@ -99,9 +98,8 @@ void HandleUrlTest(SocketHandle socket, const std::string& body) {
     return;
   }
   const UrlTestRequest& request = session.request;
-  std::error_code directoryError;
-  std::filesystem::create_directories(std::filesystem::path(GetDataDirectory()), directoryError);
-  if (directoryError) {
+  std::string directoryError;
+  if (!CreateDirectoryTree(GetDataDirectory(), directoryError)) {
     HelperLog().Append("URLTest failed to create runtime directory");
     SendEmptyAnswer(socket);
     return;
