@@ -4,6 +4,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds="${1:-20}"
+bash scripts/install-deps.sh
 cmake --preset native >/dev/null
 cmake --build --preset native
 for target in build/native/bin/*_fuzz; do
