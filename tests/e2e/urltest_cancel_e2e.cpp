@@ -82,10 +82,12 @@ TEST_F(UrlTestCancel, CancelEndsTheRunningProcessesAndStartsNoMore) {
   std::vector<HANDLE> processes;
   for (const FetchRecord& record : records) {
     const DWORD pid = static_cast<DWORD>(std::stoul(record.Get("pid")));
+    // On a loaded machine the first nodes may reach their 3 s limit before the
+    // twelfth has started; those are gone already and prove nothing here.
     HANDLE process = OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid);
-    ASSERT_NE(process, nullptr) << pid;
-    processes.push_back(process);
+    if (process != nullptr) processes.push_back(process);
   }
+  ASSERT_FALSE(processes.empty());
   // The helper registers a process just after creating it, long before the
   // process has written its record; a short pause covers a slow thread.
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
