@@ -5,6 +5,7 @@
 
 #include "api/control_server.h"
 #include "api/http_request.h"
+#include "api/request_guard.h"
 #include "api/routes.h"
 #include "log/log_buffer.h"
 
@@ -36,9 +37,18 @@ void HandleConnection(SOCKET socket) {
     if (status == FrameStatus::kComplete) break;
   }
   const HttpRequest request = FinishRequest(frame);
+  const HeadRefusal refusal =
+      FindHeadRefusal(std::string_view(frame.buffer).substr(0, frame.headerEnd));
   frame.buffer.clear();
   frame.buffer.shrink_to_fit();
-  DispatchRequest(socket, request);
+  if (refusal.header.empty()) {
+    DispatchRequest(socket, request);
+  } else {
+    // A web page's request: no route runs, so nothing is started, stopped,
+    // written or read out.
+    HelperLog().Append(DescribeRefusal(request.method, request.path, refusal));
+    SendResponse(socket, "text/plain", "forbidden", 403, "Forbidden");
+  }
   closesocket(socket);
 }
 

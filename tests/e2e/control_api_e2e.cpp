@@ -46,7 +46,7 @@ TEST_F(ControlApi, RoutesMatchMethodAndPathExactly) {
 TEST_F(ControlApi, HeadArrivingOneByteAtATimeIsAssembled) {
   SOCKET s = ConnectLoopback(kHelperPort);
   ASSERT_NE(s, INVALID_SOCKET);
-  const std::string request = "GET /ping HTTP/1.1\r\nHost: x\r\n\r\n";
+  const std::string request = "GET /ping HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
   for (char c : request) {
     ASSERT_TRUE(SendAll(s, std::string_view(&c, 1)));
     std::this_thread::sleep_for(std::chrono::milliseconds(2));

@@ -1,8 +1,10 @@
 // Start, TUN start, stop and status as the client uses them, against the real
 // helper, the core double and the Wine registry: the answers byte for byte,
 // the per-user proxy values with their types, the notification order, what
-// the core was started with, and what is left behind after each refusal.
+// the core was started with, and what is left behind after each refusal;
+// and the same commands sent by a web page in the host's real browser.
 #include <gtest/gtest.h>
+#include <ws2tcpip.h>
 
 #include <chrono>
 #include <filesystem>
@@ -322,6 +324,144 @@ TEST_F(VpnCommands, EndingTheHelperEndsItsCore) {
   ASSERT_EQ(Cores(), 1);
   helper.Stop();
   EXPECT_EQ(Cores(), 0);
+}
+
+TEST_F(VpnCommands, BrowserMarksAreRefusedAndOtherClientsAnsweredAsBefore) {
+  const std::string config = Config();
+  const std::string length = "Content-Length: " + std::to_string(config.size()) + "\r\n";
+  const std::string forbidden =
+      "HTTP/1.1 403 Forbidden\r\nContent-Type: text/plain\r\nContent-Length: 9\r\n"
+      "Connection: close\r\n\r\nforbidden";
+  struct Case {
+    const char* client;
+    std::string request;
+    std::string answer;
+  } cases[] = {
+      {"DNS rebinding", "GET /logs HTTP/1.1\r\nHost: rebind.example:17891\r\n\r\n", forbidden},
+      {"sandboxed page",
+       "POST /start HTTP/1.1\r\nHost: 127.0.0.1:17891\r\nOrigin: null\r\n" + length + "\r\n" +
+           config,
+       forbidden},
+      // The exact header sets these clients send.
+      {"curl",
+       "POST /start HTTP/1.1\r\nHost: 127.0.0.1:17891\r\nUser-Agent: curl/7.88.1\r\nAccept: "
+       "*/*\r\n" +
+           length + "Content-Type: application/x-www-form-urlencoded\r\n\r\n" + config,
+       JsonAnswer(kConnected)},
+      {"Node fetch",
+       "GET /status HTTP/1.1\r\nhost: 127.0.0.1:17891\r\nconnection: keep-alive\r\naccept: */*\r\n"
+       "accept-language: *\r\nsec-fetch-mode: cors\r\nuser-agent: node\r\n"
+       "accept-encoding: gzip, deflate\r\n\r\n",
+       JsonAnswer(kRunning)},
+      {"desktop framework",
+       "POST /stop HTTP/1.1\r\norigin: http://tauri.localhost\r\nuser-agent: OrvelVPN/2.4.0\r\n"
+       "accept: */*\r\nhost: 127.0.0.1:17891\r\ncontent-length: 0\r\n\r\n",
+       JsonAnswer(kDisconnected)},
+  };
+  for (const Case& c : cases) EXPECT_EQ(ExchangeRaw(c.request).raw, c.answer) << c.client;
+  EXPECT_TRUE(LogHasLine("Refused GET /logs: Host \"rebind.example:17891\""));
+  EXPECT_TRUE(LogHasLine("Refused POST /start: Origin \"null\""));
+  EXPECT_EQ(ReadWininetCalls(), "39\n37\n39\n37\n");  // curl's start, the framework's stop
+}
+
+// Serves the attacking page and notes when the page says it has finished.
+// Runs until the listener is closed.
+void ServePage(SOCKET listener, std::string_view page, HANDLE finished) {
+  for (SOCKET s; (s = accept(listener, nullptr, nullptr)) != INVALID_SOCKET; closesocket(s)) {
+    const DWORD timeoutMs = 10000;
+    setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&timeoutMs),
+               sizeof(timeoutMs));
+    std::string head;
+    char chunk[4096];
+    for (int got; head.find("\r\n\r\n") == std::string::npos &&
+                  (got = recv(s, chunk, sizeof(chunk), 0)) > 0;) {
+      head.append(chunk, static_cast<std::size_t>(got));
+    }
+    std::string body;
+    if (head.starts_with("GET / ")) body = page;
+    if (head.starts_with("GET /finished ")) SetEvent(finished);
+    SendAll(s, "HTTP/1.1 200 OK\r\nContent-Type: text/html\r\nContent-Length: " +
+                   std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body);
+  }
+}
+
+// Stops the user's VPN, starts the page's own configuration with the system
+// proxy on its port 6666, tries TUN mode, and reads the status: what any web
+// site could do with "simple" requests, which a browser sends without asking.
+constexpr std::string_view kAttackingPage = R"(<!doctype html><script>
+const helper = "http://127.0.0.1:17891";
+const config = JSON.stringify({inbounds: [{type: "mixed", tag: "orvel-vpn-mixed",
+                                           listen: "127.0.0.1", listen_port: 6666}]});
+Promise.allSettled([
+  fetch(helper + "/stop", {method: "POST", mode: "no-cors", body: ""}),
+  fetch(helper + "/start", {method: "POST", mode: "no-cors", body: config}),
+  fetch(helper + "/start-tun", {method: "POST", mode: "no-cors", body: config}),
+  new Promise(done => { const image = new Image(); image.onload = image.onerror = done;
+                        image.src = helper + "/status"; }),
+]).then(() => fetch("/finished"));
+</script>)";
+
+TEST_F(VpnCommands, WebPageInARealBrowserChangesNothing) {
+  // The host's chromium is started through Wine: a Unix program given to
+  // CreateProcessW runs as a host process, but Wine returns no handle for it
+  // and passes on only its standard output, so `timeout` bounds its life, the
+  // page reports its end to our server, and errors are sent to the output.
+  if (GetProcAddress(GetModuleHandleW(L"ntdll"), "wine_get_version") == nullptr) {
+    GTEST_SKIP() << "drives the host's chromium through Wine";
+  }
+  WriteProxyValues(kUserProxy);
+  ASSERT_EQ(Post("/start", Config()), JsonAnswer(kConnected));
+
+  // Another loopback address is another site to the browser.
+  SOCKET listener = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  inet_pton(AF_INET, "127.0.0.2", &address.sin_addr);
+  int size = sizeof(address);
+  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), size), 0);
+  ASSERT_EQ(listen(listener, 16), 0);
+  getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
+  const std::string origin = "http://127.0.0.2:" + std::to_string(ntohs(address.sin_port));
+  HANDLE finished = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  std::thread server(ServePage, listener, kAttackingPage, finished);
+
+  const std::wstring outputPath = BinDirectory() + L"\\browser-output.txt";
+  SECURITY_ATTRIBUTES inherit{sizeof(inherit), nullptr, TRUE};
+  HANDLE output = CreateFileW(outputPath.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit,
+                              CREATE_ALWAYS, 0, nullptr);
+  STARTUPINFOW startup{};
+  startup.cb = sizeof(startup);
+  startup.dwFlags = STARTF_USESTDHANDLES;
+  startup.hStdOutput = startup.hStdError = output;
+  std::wstring commandLine =
+      L"sh -c \"exec 2>&1; profile=$(mktemp -d) && timeout -k 5 90 chromium --headless "
+      L"--no-sandbox "
+      L"--disable-gpu --disable-quic --no-first-run --disable-background-networking "
+      L"--disable-component-update --disable-sync --user-data-dir=$profile "
+      L"--virtual-time-budget=5000 --dump-dom " +
+      FromUtf8(origin) + L"/; rm -rf $profile\"";
+  PROCESS_INFORMATION browser{};
+  const BOOL launched = CreateProcessW(L"Z:\\bin\\sh", commandLine.data(), nullptr, nullptr, TRUE,
+                                       0, nullptr, nullptr, &startup, &browser);
+  CloseHandle(output);
+  const bool pageFinished = launched && WaitForSingleObject(finished, 120000) == WAIT_OBJECT_0;
+  closesocket(listener);
+  server.join();
+  CloseHandle(finished);
+  ASSERT_TRUE(pageFinished) << "chromium did not finish the page; its output:\n"
+                            << ReadFileBytes(outputPath);
+
+  for (std::string_view path : {"/stop", "/start", "/start-tun"}) {
+    EXPECT_TRUE(LogHasLine("Refused POST " + std::string(path) + ": Origin \"" + origin + "\""));
+  }
+  EXPECT_TRUE(LogHasLine("Refused GET /status: Sec-Fetch-Site \"cross-site\""));
+  EXPECT_FALSE(LogHasLine("VPN stopped through OrvelVpnHelper"));
+  EXPECT_FALSE(LogHasLine("TUN VPN started through OrvelVpnHelperService"));
+  EXPECT_EQ(ReadFileBytes(HelperDataDirectory() + L"\\sing-box.json"), Config());
+  EXPECT_EQ(Cores(), 1);
+  EXPECT_EQ(ReadProxyValues(), HelperProxyValues(2080));
+  EXPECT_EQ(ReadWininetCalls(), "39\n37\n");
+  EXPECT_EQ(Status(), JsonAnswer(kRunning));
 }
 
 }  // namespace
