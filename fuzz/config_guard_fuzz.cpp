@@ -21,7 +21,7 @@ bool MightBeWatched(const std::string& name) {
     if (static_cast<unsigned char>(c) >= 0x80) return true;
     lower += static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
   }
-  for (const char* word : {"path", "output", "external_ui", "directory", "dashboard", "masquerade",
+  for (const char* word : {"path", "output", "external_ui", "director", "dashboard", "masquerade",
                            "download_url", "_file", "type", "extra_args", "torrc", "command"}) {
     if (lower.find(word) != std::string::npos) return true;
   }

@@ -71,9 +71,11 @@ MemberKind ClassifyMember(std::string_view name, std::string_view container) {
   if (name == "external_ui_download_url") return MemberKind::kUiDownloadUrl;
   if (name == "download_url" && container == "dashboard") return MemberKind::kDashboardDownload;
   if (name == "masquerade") return MemberKind::kMasquerade;
-  if (name == "output" || name == "directory" || name == "dashboard" || EndsWith(name, "_path") ||
-      EndsWith(name, "_directory") || EndsWith(name, "_file")) {
-    return MemberKind::kFilePath;
+  if (name == "output" || name == "directory" || name == "dashboard") return MemberKind::kFilePath;
+  // Plurals too: route.dhcp_lease_files is a list of files the core reads.
+  for (const std::string_view suffix :
+       {"_path", "_paths", "_directory", "_directories", "_file", "_files"}) {
+    if (EndsWith(name, suffix)) return MemberKind::kFilePath;
   }
   return MemberKind::kPlain;
 }

@@ -90,6 +90,8 @@ TEST(CheckServiceConfig, RefusesProgramsAndPathsOutsideTheDataDirectory) {
        "a.path contains ':' (a drive, stream or device)"},
       {R"({"dns":{"servers":[{"type":"hosts","path":["hosts","C:\\hosts"]}]}})",
        "dns.servers[0].path[1] contains ':' (a drive, stream or device)"},
+      {R"({"route":{"dhcp_lease_files":["leases","..\\dhcpd.leases"]}})",
+       "route.dhcp_lease_files[1] climbs out of the data directory with '..'"},
       {"{", "not valid JSON"},
       {R"({"log":{},})", "not valid JSON"},
       {"{} x", "not valid JSON"},
