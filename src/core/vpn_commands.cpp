@@ -1,10 +1,12 @@
 #include "core/vpn_commands.h"
 
 #include "api/json_text.h"
+#include "core/config_guard.h"
 #include "core/core_process.h"
 #include "core/data_files.h"
 #include "core/mixed_port.h"
 #include "core/paths.h"
+#include "core/run_mode.h"
 #include "log/log_buffer.h"
 #include "sysproxy/system_proxy.h"
 
@@ -16,14 +18,24 @@ std::string Disconnected(const std::string& message) {
   return BuildStatusBody("disconnected", message);
 }
 
-// The steps both start commands share: refuse an empty body, put the user's
-// proxy back and stop any core (every start begins clean, also in the same
-// mode), write the configuration and start the core. True when the core
-// runs; otherwise `answer` holds the refusal.
+// The steps both start commands share: refuse an empty body (and, in the
+// service, a configuration the guard refuses), put the user's proxy back and
+// stop any core (every start begins clean, also in the same mode), write the
+// configuration and start the core. True when the core runs; otherwise
+// `answer` holds the refusal.
 bool WriteConfigAndStartCore(const std::string& body, std::string& answer) {
   if (body.empty()) {
     // Nothing else happens: a running core keeps running.
     answer = Disconnected("Empty subscription config or runtime config");
+    return false;
+  }
+  std::string refusal;
+  if (IsRunningAsService() && !CheckServiceConfig(body, refusal)) {
+    // Refused before anything changes: the running core and the user's proxy
+    // stay as they are and nothing is written.
+    const std::string message = "configuration refused by the service: " + refusal;
+    HelperLog().Append(message);
+    answer = Disconnected(message);
     return false;
   }
   std::string errorMessage;

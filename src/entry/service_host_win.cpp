@@ -6,6 +6,7 @@
 
 #include "api/control_server.h"
 #include "core/paths.h"
+#include "core/run_mode.h"
 #include "entry/service_host.h"
 
 namespace orvel {
@@ -86,6 +87,7 @@ void WINAPI ServiceMain(DWORD, LPWSTR*) {
   if (ServiceStatusHandle == nullptr) return;
   ReportServiceStatus(SERVICE_START_PENDING, 0);
   ReportServiceStatus(SERVICE_RUNNING, 0);
+  MarkRunningAsService();
   const int result = RunControlServer();
   ReportServiceStatus(SERVICE_STOPPED, static_cast<DWORD>(result));
 }

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 
+#include "core/config_guard.h"
 #include "core/data_files.h"
 #include "core/paths.h"
+#include "core/run_mode.h"
 #include "log/log_buffer.h"
 #include "urltest/urltest_registry.h"
 #include "urltest/urltest_stream.h"
@@ -98,6 +100,16 @@ void HandleUrlTest(SocketHandle socket, const std::string& body) {
     return;
   }
   const UrlTestRequest& request = session.request;
+  std::string refusal;
+  if (IsRunningAsService() && !CheckServiceConfig(request.config, refusal)) {
+    // Nothing is written or started; every node is reported as failed, so a
+    // client waiting for one line per node still sees the test end.
+    HelperLog().Append("URLTest configuration refused by the service: " + refusal);
+    std::string lines(kUrlTestStreamHead);
+    for (const std::string& tag : request.nodeTags) lines += BuildUrlTestResultLine(tag, 0);
+    SendBytes(socket, lines);
+    return;
+  }
   std::string directoryError;
   if (!CreateDirectoryTree(GetDataDirectory(), directoryError)) {
     HelperLog().Append("URLTest failed to create runtime directory");

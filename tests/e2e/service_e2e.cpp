@@ -1,5 +1,6 @@
 // The helper as a Windows service under Wine's Service Control Manager: the
-// installer's registration, a start through the SCM, and the stop path.
+// installer's registration, a start through the SCM, the stop path, and the
+// configurations the service refuses to run as LocalSystem.
 #include <gtest/gtest.h>
 #include <windows.h>
 // windows.h first: sddl.h depends on it.
@@ -13,6 +14,8 @@
 #include "support/helper_process.h"
 #include "support/http_client.h"
 #include "support/proxy_registry.h"
+#include "support/urltest_client.h"
+#include "urltest/urltest_body.h"
 
 namespace orvel::test {
 namespace {
@@ -278,6 +281,85 @@ TEST_F(Service, StartsAndStopsThroughTheServiceControlManager) {
 
   EXPECT_EQ(StopThroughScm().dwWin32ExitCode, 0u);
   EXPECT_EQ(ConnectLoopback(kHelperPort, 1000), INVALID_SOCKET);
+}
+
+std::size_t CountOf(const std::string& text, std::string_view part) {
+  std::size_t count = 0;
+  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+    ++count;
+  }
+  return count;
+}
+
+// A refused configuration changes nothing: the running core and its file stay,
+// the user's proxy is not touched, no process starts and no file is written;
+// each refusal is one log line. The stand-alone helper runs the same text.
+TEST_F(Service, RefusesConfigurationsThatRunProgramsOrLeaveTheDataDirectory) {
+  const std::string tor =
+      R"({"outbounds":[{"type":"tor","tag":"t","executable_path":"C:\\Windows\\System32\\calc.exe"}]})";
+  const std::string tun =
+      R"({"inbounds":[{"type":"tun","tag":"tun-in","address":["172.18.0.1/30"]}],)"
+      R"("experimental":{"cache_file":{"enabled":true,"path":"cache.db"}}})";
+  const std::string tunConnected =
+      R"({"status":"connected","platform":"windows","message":"Windows TUN helper connected"})";
+  ASSERT_TRUE(helper.Start(CorePlacement::kBesideExe)) << helper.error;
+  EXPECT_EQ(Request("POST", "/start-tun", tor).body, tunConnected);
+  helper.Stop();
+
+  ResetTestRecords();
+  ClearFetchRecords();
+  ASSERT_TRUE(InstallAndStart(helper.ExePath()));
+  ASSERT_EQ(Request("POST", "/start-tun", tun).body, tunConnected);
+  const std::wstring configPath = HelperDataDirectory() + L"\\sing-box.json";
+  EXPECT_EQ(ReadFileBytes(configPath), tun);
+  ResetTestRecords();
+
+  const struct {
+    std::string_view route;
+    std::string config;
+    std::string_view refusal;
+  } cases[] = {
+      {"/start-tun", tor, "outbounds[0].type is tor, which runs a program"},
+      {"/start", R"({"log":{"output":"C:\\Windows\\evil.txt"}})",
+       "log.output contains ':' (a drive, stream or device)"},
+      {"/start-tun", R"({"experimental":{"clash_api":{"external_ui":"C:\\"}}})",
+       "experimental.clash_api.external_ui contains ':' (a drive, stream or device)"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(Request("POST", c.route, c.config).body,
+              R"({"status":"disconnected","platform":"windows","message":)"
+              R"("configuration refused by the service: )" +
+                  std::string(c.refusal) + "\"}")
+        << c.config;
+  }
+  UrlTestRequest request;
+  request.requestId = "guarded";
+  request.url = "http://cp.example.test/generate_204";
+  request.nodeTags = {"delay-10", "delay-20"};
+  request.config = tor;
+  const UrlTestStream stream = RunUrlTest(EncodeUrlTestBody(request, 2));
+  EXPECT_EQ(stream.head, kUrlTestStreamHead);
+  std::string lines;
+  for (const StreamLine& line : stream.lines) lines += line.text;
+  EXPECT_EQ(lines,
+            "{\"nodeTag\":\"delay-10\",\"delayMs\":0}\n{\"nodeTag\":\"delay-20\",\"delayMs\":0}\n");
+  EXPECT_TRUE(stream.closedByPeer);
+
+  EXPECT_EQ(ReadFileBytes(configPath), tun);
+  EXPECT_EQ(CountProcessesNamed(L"sing-box.exe"), 1);
+  EXPECT_TRUE(ReadCoreInvocation().empty());
+  EXPECT_EQ(ReadWininetCalls(), "");
+  EXPECT_TRUE(ReadFetchRecords().empty());
+  EXPECT_TRUE(UrlTestConfigFiles().empty());
+  const std::string logs = Request("GET", "/logs").body;
+  EXPECT_EQ(CountOf(logs, "configuration refused by the service: "), 4u) << logs;
+  EXPECT_NE(logs.find("] URLTest configuration refused by the service: outbounds[0].type is tor, "
+                      "which runs a program\r\n"),
+            std::string::npos);
+  EXPECT_EQ(logs.find("URLTest stream started"), std::string::npos);
+  EXPECT_EQ(Request("GET", "/status").body,
+            R"({"status":"connected","platform":"windows","message":"Windows helper running"})");
+  EXPECT_EQ(StopThroughScm().dwWin32ExitCode, 0u);
 }
 
 }  // namespace
