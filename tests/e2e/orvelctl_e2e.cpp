@@ -195,8 +195,11 @@ TEST_F(Orvelctl, CtrlCCancelsTheRunOnTheHelper) {
       L"urltest " + File(L"config.json") + L" --tag a-delay-1 --tag b-delay-1" + tags, 14);
   EXPECT_EQ(run.exitCode, 130u);
   EXPECT_EQ(CountProcessesNamed(L"sing-box.exe"), 0);
-  // What arrived is printed: the two quick nodes.
-  EXPECT_NE(run.out.find("2 of 14 nodes reported, 0 failed\n"), std::string::npos) << run.out;
+  // What arrived is printed: the two quick nodes at least. On a loaded
+  // machine a hanging node may reach its 3 s limit before the cancel.
+  EXPECT_NE(run.out.find("  a-delay-1 "), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("  b-delay-1 "), std::string::npos) << run.out;
+  const std::size_t rows = std::count(run.out.begin(), run.out.end(), '\n') - 2;
 
   const std::string log = HelperLog();
   const std::string started = "URLTest stream started for 14 nodes, requestId=";
@@ -205,9 +208,10 @@ TEST_F(Orvelctl, CtrlCCancelsTheRunOnTheHelper) {
   const std::string id =
       log.substr(at + started.size(), log.find("\r\n", at) - at - started.size());
   EXPECT_EQ(id.substr(0, 9), "orvelctl-");
-  EXPECT_NE(log.find("] URLTest cancel requested: " + id + ", processes=12\r\n"), std::string::npos)
+  EXPECT_NE(log.find("] URLTest cancel requested: " + id + ", processes="), std::string::npos)
       << log;
-  EXPECT_EQ(run.err, "orvelctl: cancelled test " + id + " after 2 of 14 nodes\n");
+  EXPECT_EQ(run.err,
+            "orvelctl: cancelled test " + id + " after " + std::to_string(rows) + " of 14 nodes\n");
 }
 
 }  // namespace
