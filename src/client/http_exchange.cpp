@@ -6,7 +6,7 @@ namespace orvel::client {
 
 namespace {
 
-bool AllDigits(std::string_view text) {
+bool IsAllDigits(std::string_view text) {
   if (text.empty()) return false;
   for (char c : text) {
     if (c < '0' || c > '9') return false;
@@ -32,7 +32,7 @@ std::string_view TrimSpaces(std::string_view text) {
 bool ReadStatusLine(std::string_view line, HttpAnswer& answer) {
   if (line.size() < 12 || !line.starts_with("HTTP/1.") || line[8] != ' ') return false;
   const std::string_view code = line.substr(9, 3);
-  if (!AllDigits(code) || (line.size() > 12 && line[12] != ' ')) return false;
+  if (!IsAllDigits(code) || (line.size() > 12 && line[12] != ' ')) return false;
   answer.status = (code[0] - '0') * 100 + (code[1] - '0') * 10 + (code[2] - '0');
   answer.reason = line.size() > 13 ? std::string(line.substr(13)) : std::string();
   return true;
@@ -45,7 +45,7 @@ bool ReadHeaderLine(std::string_view line, HttpAnswer& answer) {
   const std::string_view value = TrimSpaces(line.substr(colon + 1));
   if (EqualsIgnoringCase(name, "Content-Length")) {
     // Twenty digits can pass 2^64; no answer of the helper comes near that.
-    if (!AllDigits(value) || value.size() > 18) return false;
+    if (!IsAllDigits(value) || value.size() > 18) return false;
     std::uint64_t length = 0;
     for (char c : value) length = length * 10 + static_cast<std::uint64_t>(c - '0');
     answer.hasLength = true;
@@ -70,7 +70,7 @@ bool ParseAddress(std::string_view text, ClientAddress& address, std::string& er
   } else if (host.find(':') != std::string_view::npos) {
     return false;  // an IPv6 literal needs its brackets
   }
-  if (!AllDigits(port) || port.size() > 5) return false;
+  if (!IsAllDigits(port) || port.size() > 5) return false;
   const std::uint32_t value = ParseUnsignedLong32(port);
   if (value == 0 || value > 65535) return false;
   address.host = std::string(host);

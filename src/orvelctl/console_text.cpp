@@ -8,28 +8,28 @@ namespace orvel::orvelctl {
 namespace {
 
 // Characters, not bytes: a UTF-8 tag must not push its column out of line.
-std::size_t DisplayWidth(std::string_view text) {
+std::size_t CountDisplayWidth(std::string_view text) {
   return static_cast<std::size_t>(
       std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; }));
 }
 
 std::string PadRight(std::string_view text, std::size_t width) {
   std::string out(text);
-  const std::size_t shown = DisplayWidth(text);
+  const std::size_t shown = CountDisplayWidth(text);
   if (shown < width) out.append(width - shown, ' ');
   return out;
 }
 
 std::string PadLeft(std::string_view text, std::size_t width) {
-  const std::size_t shown = DisplayWidth(text);
+  const std::size_t shown = CountDisplayWidth(text);
   return std::string(shown < width ? width - shown : 0, ' ') + std::string(text);
 }
 
-std::string DelayText(std::int64_t delayMs) {
+std::string FormatDelay(std::int64_t delayMs) {
   return delayMs == 0 ? "failed" : std::to_string(delayMs) + " ms";
 }
 
-bool Faster(const client::UrlTestResult& a, const client::UrlTestResult& b) {
+bool IsFaster(const client::UrlTestResult& a, const client::UrlTestResult& b) {
   if ((a.delayMs == 0) != (b.delayMs == 0)) return b.delayMs == 0;
   if (a.delayMs != b.delayMs) return a.delayMs < b.delayMs;
   return a.nodeTag < b.nodeTag;
@@ -37,7 +37,7 @@ bool Faster(const client::UrlTestResult& a, const client::UrlTestResult& b) {
 
 // The longest prefix of `pattern` that `text` ends with (Knuth-Morris-Pratt,
 // linear in both: the log is up to 64 KiB and is compared once a second).
-std::size_t LongestSuffixPrefix(std::string_view text, std::string_view pattern) {
+std::size_t FindLongestOverlap(std::string_view text, std::string_view pattern) {
   if (pattern.empty()) return 0;
   std::vector<std::size_t> fail(pattern.size(), 0);
   for (std::size_t i = 1, k = 0; i < pattern.size(); ++i) {
@@ -159,23 +159,23 @@ std::string FormatUrlTestProgress(const std::vector<client::UrlTestResult>& resu
   for (const client::UrlTestResult& result : results) {
     if (result.delayMs == 0) {
       ++failed;
-    } else if (fastest == nullptr || Faster(result, *fastest)) {
+    } else if (fastest == nullptr || IsFaster(result, *fastest)) {
       fastest = &result;
     }
   }
   std::string out = std::to_string(results.size()) + "/" + std::to_string(total) + " done, " +
                     std::to_string(failed) + " failed";
   if (fastest != nullptr) {
-    out += ", fastest " + fastest->nodeTag + " (" + DelayText(fastest->delayMs) + ")";
+    out += ", fastest " + fastest->nodeTag + " (" + FormatDelay(fastest->delayMs) + ")";
   }
   return out;
 }
 
 std::string FormatUrlTestTable(std::vector<client::UrlTestResult> results, std::size_t total) {
-  std::ranges::stable_sort(results, Faster);
+  std::ranges::stable_sort(results, IsFaster);
   std::size_t tagWidth = 4;
   for (const client::UrlTestResult& result : results) {
-    tagWidth = std::max(tagWidth, DisplayWidth(result.nodeTag));
+    tagWidth = std::max(tagWidth, CountDisplayWidth(result.nodeTag));
   }
   const std::size_t rankWidth = std::max<std::size_t>(2, std::to_string(results.size()).size());
   std::string out = PadLeft("#", rankWidth) + "  " + PadRight("node", tagWidth) + "  delay\n";
@@ -184,7 +184,7 @@ std::string FormatUrlTestTable(std::vector<client::UrlTestResult> results, std::
     if (results[i].delayMs == 0) ++failed;
     out += PadLeft(std::to_string(i + 1), rankWidth) + "  " +
            PadRight(results[i].nodeTag, tagWidth) + "  " +
-           PadLeft(DelayText(results[i].delayMs), 6) + "\n";
+           PadLeft(FormatDelay(results[i].delayMs), 6) + "\n";
   }
   out += std::to_string(results.size()) + " of " + std::to_string(total) + " nodes reported, " +
          std::to_string(failed) + " failed\n";
@@ -192,7 +192,7 @@ std::string FormatUrlTestTable(std::vector<client::UrlTestResult> results, std::
 }
 
 std::string_view NewLogText(std::string_view previous, std::string_view current) {
-  const std::size_t overlap = LongestSuffixPrefix(previous, current);
+  const std::size_t overlap = FindLongestOverlap(previous, current);
   std::string_view added = current.substr(overlap);
   if (overlap == 0 && current.size() >= kHelperLogCapacity) {
     const std::size_t firstEnd = added.find("\r\n");

@@ -147,7 +147,7 @@ int Fail(int code, std::string_view message) {
 }
 
 // Up to 120 bytes of an answer, control bytes shown as \xNN.
-std::string Excerpt(std::string_view text) {
+std::string QuoteExcerpt(std::string_view text) {
   std::string out;
   for (char c : text.substr(0, 120)) {
     const auto byte = static_cast<unsigned char>(c);
@@ -164,12 +164,12 @@ std::string Excerpt(std::string_view text) {
   return out.empty() ? "(empty)" : "\"" + out + "\"";
 }
 
-int NoHelper(const ClientAddress& address) {
+int FailNoHelper(const ClientAddress& address) {
   return Fail(kExitNoHelper,
               "no helper answers on " + address.text + " — is OrvelVpnHelper running?");
 }
 
-int Unexpected(const ClientAddress& address, std::string_view request, std::string_view what) {
+int FailUnexpected(const ClientAddress& address, std::string_view request, std::string_view what) {
   return Fail(kExitUnexpected, "unexpected answer from " + address.text + " to " +
                                    std::string(request) + ": " + std::string(what));
 }
@@ -177,17 +177,17 @@ int Unexpected(const ClientAddress& address, std::string_view request, std::stri
 // kExitOk for a whole 200 answer; otherwise the message and the exit code.
 int CheckAnswer(ExchangeResult result, const HttpAnswer& answer, const ClientAddress& address,
                 std::string_view request) {
-  if (result == ExchangeResult::kNoHelper) return NoHelper(address);
+  if (result == ExchangeResult::kNoHelper) return FailNoHelper(address);
   if (result == ExchangeResult::kBrokenAnswer) {
-    return Unexpected(address, request, "no complete HTTP answer");
+    return FailUnexpected(address, request, "no complete HTTP answer");
   }
   if (answer.status == 403) {
     return Fail(kExitRefused, "the helper on " + address.text + " refused " + std::string(request) +
                                   " (403 " + answer.reason + ")");
   }
   if (answer.status != 200) {
-    return Unexpected(address, request,
-                      "HTTP " + std::to_string(answer.status) + " " + answer.reason);
+    return FailUnexpected(address, request,
+                          "HTTP " + std::to_string(answer.status) + " " + answer.reason);
   }
   return kExitOk;
 }
@@ -216,7 +216,7 @@ int ReadConfig(const std::string& path, std::string& config) {
   return kExitOk;
 }
 
-int NotJson(const std::string& path, const std::string& error) {
+int FailNotJson(const std::string& path, const std::string& error) {
   return Fail(kExitBadConfig, path + " is not JSON: " + error);
 }
 
@@ -228,7 +228,8 @@ int RunStatusRequest(const ClientAddress& address, std::string_view method, std:
   client::StatusAnswer status;
   if (!client::ParseStatusBody(answer.body, status) ||
       (status.status != "connected" && status.status != "disconnected")) {
-    return Unexpected(address, std::string(method) + " " + std::string(path), Excerpt(answer.body));
+    return FailUnexpected(address, std::string(method) + " " + std::string(path),
+                          QuoteExcerpt(answer.body));
   }
   Out(status.status + ": " + status.message + "\n");
   if (status.status == "connected" || disconnectedIsDone) return kExitOk;
@@ -238,7 +239,7 @@ int RunStatusRequest(const ClientAddress& address, std::string_view method, std:
 int RunPing(const ClientAddress& address) {
   HttpAnswer answer;
   if (const int code = Request(address, "GET", "/ping", "", answer); code != kExitOk) return code;
-  if (answer.body != "pong") return Unexpected(address, "GET /ping", Excerpt(answer.body));
+  if (answer.body != "pong") return FailUnexpected(address, "GET /ping", QuoteExcerpt(answer.body));
   Out("pong\n");
   return kExitOk;
 }
@@ -248,7 +249,7 @@ int RunStart(const ClientAddress& address, const Options& options) {
   if (const int code = ReadConfig(options.positionals[0], config); code != kExitOk) return code;
   std::string error;
   if (client::CheckConfigJson(config, error) != client::ConfigCheck::kGood) {
-    return NotJson(options.positionals[0], error);
+    return FailNotJson(options.positionals[0], error);
   }
   return RunStatusRequest(address, "POST", options.tun ? "/start-tun" : "/start", config, false);
 }
@@ -288,7 +289,7 @@ int RunSnapshot(const ClientAddress& address, const Options& options) {
     }
     SnapshotView view;
     if (!ParseSnapshot(answer.body, view)) {
-      return Unexpected(address, "GET /traffic-snapshot", Excerpt(answer.body));
+      return FailUnexpected(address, "GET /traffic-snapshot", QuoteExcerpt(answer.body));
     }
     if (options.json) {
       Out(answer.body + "\n");
@@ -334,7 +335,7 @@ int RunUrlTest(const ClientAddress& address, const Options& options) {
   const client::ConfigCheck check = tags.empty()
                                         ? client::ListProxyOutboundTags(config, tags, error)
                                         : client::CheckConfigJson(config, error);
-  if (check == client::ConfigCheck::kNotJson) return NotJson(path, error);
+  if (check == client::ConfigCheck::kNotJson) return FailNotJson(path, error);
   if (check == client::ConfigCheck::kNoProxyOutbounds)
     return Fail(kExitNoNodes, path + ": " + error);
 
@@ -344,9 +345,9 @@ int RunUrlTest(const ClientAddress& address, const Options& options) {
   const ExchangeResult opened = client::OpenStream(
       address, "POST", "/urltest",
       client::BuildUrlTestRequestBody(requestId, options.url, tags, config), stream);
-  if (opened == ExchangeResult::kNoHelper) return NoHelper(address);
+  if (opened == ExchangeResult::kNoHelper) return FailNoHelper(address);
   if (opened != ExchangeResult::kAnswered) {
-    return Unexpected(address, request, "the connection broke while sending");
+    return FailUnexpected(address, request, "the connection broke while sending");
   }
 
   const bool progress = StdoutIsTerminal() && !options.json;
@@ -383,7 +384,7 @@ int RunUrlTest(const ClientAddress& address, const Options& options) {
     for (const std::string& line : lines) {
       client::UrlTestResult result;
       if (!client::ParseUrlTestResultLine(line, result)) {
-        fault = "not a result line: " + Excerpt(line);
+        fault = "not a result line: " + QuoteExcerpt(line);
         break;
       }
       if (options.json) Out(line + "\n");
@@ -403,11 +404,11 @@ int RunUrlTest(const ClientAddress& address, const Options& options) {
                                       std::to_string(results.size()) + " of " +
                                       std::to_string(tags.size()) + " nodes");
   }
-  if (!fault.empty()) return Unexpected(address, request, fault);
+  if (!fault.empty()) return FailUnexpected(address, request, fault);
   if (results.size() != tags.size()) {
-    return Unexpected(address, request,
-                      "it reported " + std::to_string(results.size()) + " of " +
-                          std::to_string(tags.size()) + " nodes");
+    return FailUnexpected(address, request,
+                          "it reported " + std::to_string(results.size()) + " of " +
+                              std::to_string(tags.size()) + " nodes");
   }
   return kExitOk;
 }
