@@ -4,6 +4,32 @@
 
 namespace orvel {
 
+namespace {
+
+// The job every child of the helper runs in. Its only handle is this one,
+// never closed and never inherited: however the helper ends (a stop, a crash,
+// "End task", TerminateProcess), the system closes it with the process, and
+// KILL_ON_JOB_CLOSE then ends every process still in the job, the main core,
+// the URL test processes and whatever they started themselves. Null when the
+// job cannot be made; children then start without it.
+HANDLE ChildJob() {
+  static const HANDLE job = []() -> HANDLE {
+    HANDLE created = CreateJobObjectW(nullptr, nullptr);
+    if (created == nullptr) return nullptr;
+    JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
+    limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
+    if (!SetInformationJobObject(created, JobObjectExtendedLimitInformation, &limits,
+                                 sizeof(limits))) {
+      CloseHandle(created);
+      return nullptr;
+    }
+    return created;
+  }();
+  return job;
+}
+
+}  // namespace
+
 void SetCoreEnvironmentVariables() {
   SetEnvironmentVariableW(L"ENABLE_DEPRECATED_LEGACY_DNS_SERVERS", L"true");
   SetEnvironmentVariableW(L"ENABLE_DEPRECATED_OUTBOUND_DNS_RULE_ITEM", L"true");
@@ -29,16 +55,25 @@ bool LaunchChild(const std::wstring& commandLine, HANDLE standardInput, HANDLE o
     inherited.push_back(standardInput);
   }
 
+  // The job goes in through the attribute list, so the child is in it from
+  // its creation, before it runs any code: there is no moment at which it
+  // exists outside the job (as there would be between CREATE_SUSPENDED and
+  // AssignProcessToJobObject, were the helper to die in between). Inside a
+  // job of its own the helper's job becomes a nested one.
+  HANDLE jobs[] = {ChildJob()};
+  const DWORD attributeCount = jobs[0] != nullptr ? 2 : 1;
   SIZE_T listBytes = 0;
-  InitializeProcThreadAttributeList(nullptr, 1, 0, &listBytes);
+  InitializeProcThreadAttributeList(nullptr, attributeCount, 0, &listBytes);
   std::vector<unsigned char> listStorage(listBytes);
   auto* list = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(listStorage.data());
-  if (!InitializeProcThreadAttributeList(list, 1, 0, &listBytes)) {
+  if (!InitializeProcThreadAttributeList(list, attributeCount, 0, &listBytes)) {
     error = GetLastError();
     return false;
   }
   if (!UpdateProcThreadAttribute(list, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST, inherited.data(),
-                                 inherited.size() * sizeof(HANDLE), nullptr, nullptr)) {
+                                 inherited.size() * sizeof(HANDLE), nullptr, nullptr) ||
+      (attributeCount == 2 && !UpdateProcThreadAttribute(list, 0, PROC_THREAD_ATTRIBUTE_JOB_LIST,
+                                                         jobs, sizeof(jobs), nullptr, nullptr))) {
     error = GetLastError();
     DeleteProcThreadAttributeList(list);
     return false;

@@ -20,7 +20,9 @@ bool CreateOutputPipe(HANDLE& readEnd, HANDLE& writeEnd);
 // valid inheritable handle) `standardInput`. Without that list a child would
 // inherit every inheritable handle of the helper: another child's pipe end or
 // a client's socket, which would keep that pipe or connection open for as
-// long as the child lives. On failure `error` holds GetLastError().
+// long as the child lives. The child starts inside the helper's job object,
+// which ends it when the helper ends, however that happens. On failure
+// `error` holds GetLastError().
 bool LaunchChild(const std::wstring& commandLine, HANDLE standardInput, HANDLE outputWrite,
                  const std::wstring& workingDirectory, PROCESS_INFORMATION& process, DWORD& error);
 

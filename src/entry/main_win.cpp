@@ -6,6 +6,7 @@
 
 #include "api/control_server.h"
 #include "entry/service_host.h"
+#include "sysproxy/system_proxy.h"
 
 namespace {
 
@@ -29,6 +30,8 @@ DWORD RunHelper(const std::wstring& commandLine) {
   if (GetLastError() == ERROR_ALREADY_EXISTS) return 0;  // process exit releases the handle
 
   CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+  // After the mutex: a second instance must not touch the proxy.
+  orvel::RecoverSystemProxyAtStartup();
   const int result = orvel::RunControlServer();
   // Reached only when the listener could not be set up.
   orvel::RestoreProxyThenStopCore();

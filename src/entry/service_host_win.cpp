@@ -8,6 +8,7 @@
 #include "core/paths.h"
 #include "core/run_mode.h"
 #include "entry/service_host.h"
+#include "sysproxy/system_proxy.h"
 
 namespace orvel {
 
@@ -17,6 +18,8 @@ constexpr const wchar_t* kServiceDisplayName = L"Orvel VPN Helper Service";
 constexpr const wchar_t* kServiceDescription = L"Runs sing-box TUN mode for Orvel VPN.";
 constexpr DWORD kServiceAccess =
     WRITE_DAC | SERVICE_START | SERVICE_QUERY_STATUS | SERVICE_CHANGE_CONFIG;
+constexpr DWORD kRestartDelayMs = 5000;
+constexpr DWORD kFailureCountResetSeconds = 24 * 60 * 60;
 
 SERVICE_STATUS_HANDLE ServiceStatusHandle = nullptr;
 SERVICE_STATUS ServiceStatus{};
@@ -71,6 +74,19 @@ int InstallService() {
   SERVICE_DESCRIPTIONW description{const_cast<LPWSTR>(kServiceDescription)};
   ChangeServiceConfig2W(service, SERVICE_CONFIG_DESCRIPTION, &description);
 
+  // A service process that ends without reporting "stopped" (a crash, a
+  // kill) is restarted twice, 5 s after each failure; the count starts again
+  // after a day without failures. The closing "none" matters: past the end of
+  // the list the SCM repeats the last action, which would restart for ever.
+  SC_ACTION actions[] = {{SC_ACTION_RESTART, kRestartDelayMs},
+                         {SC_ACTION_RESTART, kRestartDelayMs},
+                         {SC_ACTION_NONE, 0}};
+  SERVICE_FAILURE_ACTIONSW failureActions{};
+  failureActions.dwResetPeriod = kFailureCountResetSeconds;
+  failureActions.cActions = sizeof(actions) / sizeof(actions[0]);
+  failureActions.lpsaActions = actions;
+  ChangeServiceConfig2W(service, SERVICE_CONFIG_FAILURE_ACTIONS, &failureActions);
+
   PSECURITY_DESCRIPTOR descriptor = nullptr;
   if (ConvertStringSecurityDescriptorToSecurityDescriptorW(kServiceSecurityDescriptor,
                                                            SDDL_REVISION_1, &descriptor, nullptr)) {
@@ -88,6 +104,7 @@ void WINAPI ServiceMain(DWORD, LPWSTR*) {
   ReportServiceStatus(SERVICE_START_PENDING, 0);
   ReportServiceStatus(SERVICE_RUNNING, 0);
   MarkRunningAsService();
+  RecoverSystemProxyAtStartup();
   const int result = RunControlServer();
   ReportServiceStatus(SERVICE_STOPPED, static_cast<DWORD>(result));
 }

@@ -1,5 +1,6 @@
 #include "sysproxy/system_proxy_win.h"
 
+#include "log/log_buffer.h"
 #include "sysproxy/proxy_server_value.h"
 #include "sysproxy/system_proxy.h"
 
@@ -98,6 +99,14 @@ bool SaveSystemProxy(std::string& errorMessage) {
 
 bool EnableSystemProxy(int port, std::string& errorMessage) {
   if (!SaveSystemProxy(errorMessage)) return false;
+  const std::wstring helperServer = BuildProxyServerValue(port);
+  // On disk before the first registry write: from here on a crash at any
+  // moment leaves what the next helper needs to put the user's values back.
+  if (!WriteProxyStateFile({SavedProxy.proxyEnable, SavedProxy.proxyServer,
+                            SavedProxy.proxyOverride, helperServer})) {
+    errorMessage = "Failed to save Windows proxy settings";
+    return false;
+  }
   HKEY key = nullptr;
   if (RegOpenKeyExW(HKEY_CURRENT_USER, kInternetSettingsKey, 0, KEY_SET_VALUE, &key) !=
       ERROR_SUCCESS) {
@@ -105,7 +114,7 @@ bool EnableSystemProxy(int port, std::string& errorMessage) {
     return false;
   }
   const bool written = WriteDword(key, L"ProxyEnable", 1) &&
-                       WriteString(key, L"ProxyServer", BuildProxyServerValue(port)) &&
+                       WriteString(key, L"ProxyServer", helperServer) &&
                        WriteString(key, L"ProxyOverride", kProxyBypassList);
   RegCloseKey(key);
   if (written && NotifyProxySettingsChanged()) return true;
@@ -128,10 +137,52 @@ bool RestoreSystemProxy(std::string& errorMessage) {
   RegCloseKey(key);
   if (restored && NotifyProxySettingsChanged()) {
     SavedProxy.saved = false;
+    // Only now: a crash before this line leaves the file for the next helper,
+    // which finds the user's ProxyServer back in place and leaves it.
+    DeleteFileW(GetProxyStatePath().c_str());
     return true;
   }
   errorMessage = "Failed to restore Windows system proxy";
   return false;
+}
+
+void RecoverSystemProxyAtStartup() {
+  const std::wstring path = GetProxyStatePath();
+  // A write that the last helper did not finish; the file it would have
+  // replaced, if any, is still whole.
+  DeleteFileW((path + L".tmp").c_str());
+  std::string bytes;
+  if (!ReadProxyStateFile(bytes)) return;
+  SavedProxyState state;
+  if (!ParseProxyState(bytes, state)) {
+    DeleteFileW(path.c_str());
+    HelperLog().Append(
+        "Removed an unreadable saved proxy settings file; system proxy left as it is");
+    return;
+  }
+
+  std::wstring currentServer;
+  HKEY key = nullptr;
+  if (RegOpenKeyExW(HKEY_CURRENT_USER, kInternetSettingsKey, 0, KEY_QUERY_VALUE, &key) ==
+      ERROR_SUCCESS) {
+    currentServer = ReadRegistryString(key, L"ProxyServer");
+    RegCloseKey(key);
+  }
+  if (currentServer != state.helperProxyServer) {
+    DeleteFileW(path.c_str());
+    HelperLog().Append(
+        "System proxy changed since the helper last set it; kept it and removed the saved proxy "
+        "settings");
+    return;
+  }
+  SavedProxy = {true, state.proxyEnable, state.proxyServer, state.proxyOverride};
+  std::string errorMessage;
+  if (RestoreSystemProxy(errorMessage)) {
+    HelperLog().Append("Restored the proxy settings saved before the helper last ended");
+  } else {
+    HelperLog().Append("Proxy settings saved before the helper last ended not restored yet: " +
+                       errorMessage);
+  }
 }
 
 }  // namespace orvel

@@ -147,6 +147,25 @@ TEST_F(Service, InstallingTwiceKeepsOneRegistrationAtTheLatestPath) {
                                    static_cast<DWORD>(buffer.size()), &needed));
   EXPECT_EQ(std::wstring(description->lpDescription), L"Runs sing-box TUN mode for Orvel VPN.");
 
+  // Reset period, then each action as type/delay: restart after 5 s twice,
+  // then nothing more until a day without failures has passed.
+  auto* failure = reinterpret_cast<SERVICE_FAILURE_ACTIONSW*>(buffer.data());
+  if (!QueryServiceConfig2W(service.h, SERVICE_CONFIG_FAILURE_ACTIONS, buffer.data(),
+                            static_cast<DWORD>(buffer.size()), &needed) &&
+      RunningUnderWine()) {
+    // Wine 8's SCM keeps no failure actions (none reach the service's
+    // registry key) and refuses to read them; on Windows they must read
+    // back exactly.
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_LEVEL));
+  } else {
+    std::string actions = std::to_string(failure->dwResetPeriod);
+    for (DWORD i = 0; i < failure->cActions; ++i) {
+      actions += ' ' + std::to_string(failure->lpsaActions[i].Type);
+      actions += '/' + std::to_string(failure->lpsaActions[i].Delay);
+    }
+    EXPECT_EQ(actions, "86400 1/5000 1/5000 0/0");
+  }
+
   if (RunningUnderWine()) {
     // Wine's SCM does not keep service security (SetServiceObjectSecurity is
     // a stub there), so nothing can be read back. What can still break is the
@@ -260,6 +279,38 @@ TEST_F(Service, StopRestoresTheProxyBeforeTheCoreEnds) {
   // the core still ran.
   EXPECT_EQ(ReadWininetCalls(), "39\n37\n39\n37\n");
   EXPECT_EQ(ReadFileBytes(TestRecordDirectory() + L"\\wininet-cores.txt"), "1\n1\n1\n1\n");
+}
+
+TEST_F(Service, KilledServiceTakesItsCoreAlongAndTheNextStartPutsTheProxyBack) {
+  ResetTestRecords();
+  const ProxyValues user{Dword(0), Text(L"user-proxy:8080"), Text(L"*.corp")};
+  WriteProxyValues(user);
+  ASSERT_TRUE(InstallAndStart(helper.ExePath()));
+  ASSERT_EQ(Request("POST", "/start", kProxyConfig).body,
+            R"({"status":"connected","platform":"windows","message":"Windows helper connected"})");
+  ASSERT_EQ(CountProcessesNamed(L"sing-box.exe"), 1);
+  KillProcessesNamed(L"OrvelVpnHelper.exe");
+  for (int i = 0; i < 400 && CountProcessesNamed(L"sing-box.exe") > 0; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(25));
+  }
+  EXPECT_EQ(CountProcessesNamed(L"sing-box.exe"), 0);
+  EXPECT_EQ(ReadProxyValues(), HelperProxyValues(2080));
+
+  ScHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
+  ScHandle service(OpenServiceW(manager.h, kService, SERVICE_ALL_ACCESS));
+  // Windows restarts the service by itself 5 s later. Wine 8's SCM does not,
+  // nor does it notice the end: it goes on reporting "running", yet starts
+  // the service again when asked.
+  ASSERT_TRUE(StartServiceW(service.h, 0, nullptr) ||
+              GetLastError() == ERROR_SERVICE_ALREADY_RUNNING)
+      << GetLastError();
+  ASSERT_EQ(WaitForPong(), "pong");
+  EXPECT_EQ(ReadProxyValues(), user);
+  EXPECT_EQ(ReadWininetCalls(), "39\n37\n39\n37\n");
+  EXPECT_NE(Request("GET", "/logs")
+                .body.find("] Restored the proxy settings saved before the helper last ended\r\n"),
+            std::string::npos);
+  EXPECT_EQ(StopThroughScm().dwWin32ExitCode, 0u);
 }
 
 TEST_F(Service, StartsAndStopsThroughTheServiceControlManager) {

@@ -14,6 +14,8 @@
 #include "support/helper_process.h"
 #include "support/http_client.h"
 #include "support/proxy_registry.h"
+#include "support/urltest_client.h"
+#include "urltest/urltest_body.h"
 
 namespace orvel::test {
 namespace {
@@ -70,6 +72,14 @@ bool LogHasLine(std::string_view message) {
   return Logs().find("] " + std::string(message) + "\r\n") != std::string::npos;
 }
 int Cores() { return CountProcessesNamed(L"sing-box.exe"); }
+std::wstring ProxyStateFile() { return HelperDataDirectory() + L"\\proxy-state.txt"; }
+// The processes of a killed helper end with it, but not at the same instant.
+int CoresLeftAfterAWhile() {
+  for (int i = 0; i < 400 && Cores() > 0; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(25));
+  }
+  return Cores();
+}
 
 class VpnCommands : public ::testing::Test {
  protected:
@@ -316,6 +326,81 @@ TEST_F(VpnCommands, CommandsAnswerOnlyTheirOwnMethod) {
   // Bodies of stop and status are ignored.
   EXPECT_EQ(ExchangeRaw(BuildRequest("GET", "/status", "x")).raw, JsonAnswer(kIdle));
   EXPECT_EQ(Post("/stop", "x"), JsonAnswer(kDisconnected));
+}
+
+TEST_F(VpnCommands, KilledHelperTakesItsProcessesAlongAndTheNextPutsTheProxyBack) {
+  const ProxyValues userOwn{Dword(0), Text(L"home-proxy:3128"), Absent()};
+  struct Case {
+    const char* name;
+    const ProxyValues* changedMeanwhile;
+    const ProxyValues& after;
+    const char* wininetCalls;
+    const char* logLine;
+  } cases[] = {
+      {"registry as the helper left it", nullptr, kUserProxy, "39\n37\n39\n37\n",
+       "Restored the proxy settings saved before the helper last ended"},
+      {"user set their own proxy meanwhile", &userOwn, userOwn, "39\n37\n",
+       "System proxy changed since the helper last set it; kept it and removed the saved proxy "
+       "settings"},
+  };
+  UrlTestRequest urltest{"crash", "http://cp.example.test/", {}, "{}"};
+  for (int i = 1; i <= 12; ++i) urltest.nodeTags.push_back(std::to_string(i) + "-hang");
+  HelperOptions keepData;
+  keepData.keepDataDirectory = true;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ResetTestRecords();
+    ClearFetchRecords();
+    WriteProxyValues(kUserProxy);
+    ASSERT_EQ(Post("/start", Config()), JsonAnswer(kConnected));
+    const SOCKET stream = StartUrlTest(EncodeUrlTestBody(urltest, 2));
+    ASSERT_EQ(WaitForFetchRecords(12, 15000).size(), 12u);
+    ASSERT_EQ(Cores(), 13);
+    // The harness's own job stays open: only the helper's job can end them.
+    helper.Kill();
+    closesocket(stream);
+    EXPECT_EQ(CoresLeftAfterAWhile(), 0);
+    EXPECT_EQ(ReadProxyValues(), HelperProxyValues(2080));
+    EXPECT_TRUE(fs::exists(ProxyStateFile()));
+
+    if (c.changedMeanwhile != nullptr) WriteProxyValues(*c.changedMeanwhile);
+    helper.Stop();
+    ASSERT_TRUE(helper.Start(keepData)) << helper.error;
+    EXPECT_EQ(ReadProxyValues(), c.after);
+    EXPECT_FALSE(fs::exists(ProxyStateFile()));
+    EXPECT_TRUE(LogHasLine(c.logLine)) << Logs();
+    EXPECT_EQ(ReadWininetCalls(), c.wininetCalls);
+  }
+}
+
+TEST_F(VpnCommands, UnreadableSavedProxyFileIsRemovedAndTheRegistryLeftAlone) {
+  const std::string whole =
+      "orvel-proxy-state 1\nProxyEnable=0\nProxyServer=\nProxyOverride=\nHelperProxyServer="
+      "http=127.0.0.1:2080;https=127.0.0.1:2080;socks=127.0.0.1:2080\nend\n";
+  const std::string cases[] = {
+      whole.substr(0, whole.size() - 4),                                        // truncated
+      std::string(whole).replace(whole.find("Server=\n"), 8, "Server=\x01\n"),  // garbled
+      "",
+  };
+  HelperOptions keepData;
+  keepData.keepDataDirectory = true;
+  helper.Stop();
+  for (const std::string& bytes : cases) {
+    SCOPED_TRACE(bytes);
+    ResetTestRecords();
+    // Just as a helper leaves the registry: only the file can tell.
+    WriteProxyValues(HelperProxyValues(2080));
+    fs::create_directories(HelperDataDirectory());
+    ASSERT_TRUE(WriteFileText(ProxyStateFile(), bytes));
+    ASSERT_TRUE(helper.Start(keepData)) << helper.error;
+    EXPECT_EQ(ReadProxyValues(), HelperProxyValues(2080));
+    EXPECT_EQ(ReadWininetCalls(), "");
+    EXPECT_FALSE(fs::exists(ProxyStateFile()));
+    EXPECT_TRUE(
+        LogHasLine("Removed an unreadable saved proxy settings file; system proxy left as it is"));
+    EXPECT_EQ(Status(), JsonAnswer(kIdle));
+    helper.Stop();
+  }
 }
 
 TEST_F(VpnCommands, EndingTheHelperEndsItsCore) {

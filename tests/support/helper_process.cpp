@@ -212,6 +212,11 @@ void ScopedHelper::Stop() {
   KillProcessesNamed(L"sing-box.exe");
 }
 
+void ScopedHelper::Kill() {
+  TerminateProcess(process.hProcess, 1);
+  WaitForSingleObject(process.hProcess, 10000);
+}
+
 bool ScopedHelper::Running() const {
   return process.hProcess != nullptr && WaitForSingleObject(process.hProcess, 0) == WAIT_TIMEOUT;
 }

@@ -60,6 +60,9 @@ struct ScopedHelper {
   }
   // Ends the helper and every process in its job; safe to call twice.
   void Stop();
+  // Ends the helper process alone, as a crash or "End task" would, and waits
+  // for it; the processes it started are left to the helper's own job.
+  void Kill();
   bool Running() const;
   // Exit code once the helper has ended (waits up to timeoutMs), or 259.
   DWORD WaitExit(DWORD timeoutMs);
