@@ -7,6 +7,7 @@
 #include "core/paths.h"
 #include "log/log_buffer.h"
 #include "sysproxy/system_proxy.h"
+#include "traffic/traffic_reader.h"
 
 namespace orvel {
 
@@ -28,6 +29,7 @@ bool WriteConfigAndStartCore(const std::string& body, std::string& answer) {
   }
   std::string errorMessage;
   RestoreSystemProxy(errorMessage);
+  RetireTrafficReader();
   StopCore();
 
   errorMessage.clear();
@@ -45,6 +47,8 @@ bool WriteConfigAndStartCore(const std::string& body, std::string& answer) {
     answer = Disconnected(errorMessage);
     return false;
   }
+  // Ends by itself with this core, whoever stops it or however it dies.
+  StartTrafficReader();
   return true;
 }
 
@@ -55,6 +59,7 @@ std::string HandleStart(const std::string& body) {
   if (!WriteConfigAndStartCore(body, answer)) return answer;
   std::string errorMessage;
   if (!EnableSystemProxy(FindMixedInboundPort(body), errorMessage)) {
+    RetireTrafficReader();
     StopCore();
     // A failing restore replaces the enable message with its own.
     RestoreSystemProxy(errorMessage);
@@ -75,6 +80,7 @@ std::string HandleStartTun(const std::string& body) {
 std::string HandleStop() {
   std::string errorMessage;
   RestoreSystemProxy(errorMessage);
+  RetireTrafficReader();
   StopCore();
   HelperLog().Append("VPN stopped through OrvelVpnHelper");
   return Disconnected("Windows helper disconnected");
