@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <mutex>
-#include <thread>
 
 #include "core/core_process.h"
 #include "core/win_handle.h"
@@ -104,6 +103,18 @@ void ReadTrafficStream(HANDLE core, std::uint64_t generation) {
   StoreSample(generation, {});
 }
 
+struct ReaderStart {
+  HANDLE core;
+  std::uint64_t generation;
+};
+
+DWORD WINAPI ReaderThread(LPVOID parameter) {
+  const ReaderStart start = *static_cast<ReaderStart*>(parameter);
+  delete static_cast<ReaderStart*>(parameter);
+  ReadTrafficStream(start.core, start.generation);
+  return 0;
+}
+
 }  // namespace
 
 void StartTrafficReader() {
@@ -116,7 +127,20 @@ void StartTrafficReader() {
   }
   HANDLE core = DuplicateCoreProcessHandle();
   if (core == nullptr) return;
-  std::thread(ReadTrafficStream, core, generation).detach();
+  // A plain Windows thread, not a detached std::thread: the MinGW threads
+  // library races when it recycles a detached thread's record (see the
+  // connection threads of the control server). Nothing joins it; it ends
+  // with its core. The stack is reserved small: the reader needs a few KiB.
+  constexpr SIZE_T kReaderStackBytes = 64 * 1024;
+  auto* start = new ReaderStart{core, generation};
+  HANDLE thread = CreateThread(nullptr, kReaderStackBytes, ReaderThread, start,
+                               STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
+  if (thread == nullptr) {
+    delete start;
+    CloseHandle(core);
+    return;
+  }
+  CloseHandle(thread);
 }
 
 void RetireTrafficReader() {
