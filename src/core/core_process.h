@@ -26,5 +26,10 @@ bool StartCore(const std::wstring& configPath, std::string& errorMessage);
 void StopCore();
 // A core was started, not stopped, and the system still reports it running.
 bool IsCoreRunning();
+// A handle of its own (waitable, not inheritable) to the recorded core's
+// process, for a thread that must end with the core without touching the
+// record, which a stop clears at any moment; null when there is none. The
+// caller closes it.
+void* DuplicateCoreProcessHandle();
 
 }  // namespace orvel

@@ -45,6 +45,16 @@ bool IsCoreRunning() {
   return GetExitCodeProcess(MainCore.process, &exitCode) && exitCode == STILL_ACTIVE;
 }
 
+void* DuplicateCoreProcessHandle() {
+  HANDLE copy = nullptr;
+  if (MainCore.process == nullptr ||
+      !DuplicateHandle(GetCurrentProcess(), MainCore.process, GetCurrentProcess(), &copy,
+                       SYNCHRONIZE, FALSE, 0)) {
+    return nullptr;
+  }
+  return copy;
+}
+
 void StopCore() {
   if (MainCore.process != nullptr) {
     DWORD exitCode = 0;

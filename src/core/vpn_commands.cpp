@@ -9,6 +9,7 @@
 #include "core/run_mode.h"
 #include "log/log_buffer.h"
 #include "sysproxy/system_proxy.h"
+#include "traffic/traffic_reader.h"
 
 namespace orvel {
 
@@ -40,6 +41,7 @@ bool WriteConfigAndStartCore(const std::string& body, std::string& answer) {
   }
   std::string errorMessage;
   RestoreSystemProxy(errorMessage);
+  RetireTrafficReader();
   StopCore();
 
   errorMessage.clear();
@@ -57,6 +59,8 @@ bool WriteConfigAndStartCore(const std::string& body, std::string& answer) {
     answer = Disconnected(errorMessage);
     return false;
   }
+  // Ends by itself with this core, whoever stops it or however it dies.
+  StartTrafficReader();
   return true;
 }
 
@@ -67,6 +71,7 @@ std::string HandleStart(const std::string& body) {
   if (!WriteConfigAndStartCore(body, answer)) return answer;
   std::string errorMessage;
   if (!EnableSystemProxy(FindMixedInboundPort(body), errorMessage)) {
+    RetireTrafficReader();
     StopCore();
     // A failing restore replaces the enable message with its own.
     RestoreSystemProxy(errorMessage);
@@ -87,6 +92,7 @@ std::string HandleStartTun(const std::string& body) {
 std::string HandleStop() {
   std::string errorMessage;
   RestoreSystemProxy(errorMessage);
+  RetireTrafficReader();
   StopCore();
   HelperLog().Append("VPN stopped through OrvelVpnHelper");
   return Disconnected("Windows helper disconnected");

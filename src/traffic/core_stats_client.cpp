@@ -48,4 +48,25 @@ bool IsCoreResponseComplete(std::string_view response) {
   return DeclaredLengthArrived(response) || HoldsTrafficSample(response);
 }
 
+bool TakeLatestTrafficSample(std::string& pending, std::string& sample) {
+  const std::size_t lastEnd = pending.rfind('\n');
+  if (lastEnd == std::string::npos) {
+    if (pending.size() > kCoreResponseCapBytes) pending.clear();
+    return false;
+  }
+  bool found = false;
+  const std::string_view lines(pending.data(), lastEnd + 1);
+  for (std::size_t start = 0; start < lines.size();) {
+    const std::size_t end = lines.find('\n', start);
+    const std::string_view line = lines.substr(start, end - start);
+    if (HoldsTrafficSample(line)) {
+      sample.assign(line);
+      found = true;
+    }
+    start = end + 1;
+  }
+  pending.erase(0, lastEnd + 1);
+  return found;
+}
+
 }  // namespace orvel

@@ -27,8 +27,16 @@ constexpr std::size_t kCoreReceiveChunkBytes = 4096;
 // Once true it stays true however many bytes are added.
 bool IsCoreResponseComplete(std::string_view response);
 
+// The "/traffic" stream as a reader that keeps it open sees it: moves every
+// complete line (ended by "\n"; the head and the chunk-size lines are lines
+// too) out of `pending`, and puts the last one that holds both "\"up\":" and
+// "\"down\":" into `sample`. True when such a line was among them. An
+// unfinished last line stays in `pending`, unless it has grown past
+// kCoreResponseCapBytes without an end, when it is dropped.
+bool TakeLatestTrafficSample(std::string& pending, std::string& sample);
+
 // GETs `path` from 127.0.0.1:`port` with `timeoutMs` as both the receive and
-// the send time-out (none for connecting: a closed loopback port is refused).
+// the send time-out, and as the bound of the connect.
 // `response` is cleared once the request has gone out and then receives the
 // raw answer; it is left untouched when the socket, the connect or the send
 // fails. True when at least one byte was received. Needs Winsock started.

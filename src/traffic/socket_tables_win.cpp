@@ -45,14 +45,21 @@ const IpHelperCalls& IpHelper() {
   return calls;
 }
 
+// Room for this many bytes of rows beyond the size first reported: the
+// snapshot reads the tables while its own controller connections open and
+// close, and each adds rows between the two calls. 64 of the largest row.
+constexpr DWORD kTableGrowthRoomBytes = 64 * sizeof(MIB_TCP6ROW_OWNER_PID);
+
 // Two calls: the first only learns the size. There is no retry when the table
-// grows in between; the second call then fails and the table is skipped for
-// this snapshot. Empty when the table cannot be read or holds no rows.
+// grows in between by more than the room left for it; the second call then
+// fails and the table is skipped for this snapshot. Empty when the table
+// cannot be read or holds no rows.
 template <typename Read>
 std::vector<unsigned char> ReadTable(Read read) {
   DWORD size = 0;
   read(nullptr, &size);
   if (size == 0) return {};
+  size += kTableGrowthRoomBytes;
   std::vector<unsigned char> buffer(size);
   if (read(buffer.data(), &size) != NO_ERROR) return {};
   return buffer;

@@ -3,12 +3,13 @@
 // the figures through an object the real core never sees in these tests:
 //
 //   "x-test-controller":{"mode":"silent","up":-7,"down":12,
-//                      "uploadTotal":123,"downloadTotal":456}
+//                      "uploadTotal":123,"downloadTotal":456,"tick":1000}
 //
 // Modes (the "mode" text; every figure is echoed exactly as written there):
 //   "stream"            (default) "/traffic" chunked, nothing at all before
-//                       the first one-second tick, then one sample a second;
-//                       "/connections" one document, then close
+//                       the first tick, then one sample a tick ("tick" ms,
+//                       default 1000 as the real core); "/connections" one
+//                       document, then close
 //   "silent"            accept, read the request, never answer
 //   "length-zero"       "Content-Length: 0" and no body, connection held open
 //   "length-after-tab"  "Content-Length:<TAB>N" and the body, held open
@@ -34,6 +35,7 @@ struct ControllerPlan {
   std::string down = "0";
   std::string uploadTotal = "0";
   std::string downloadTotal = "0";
+  DWORD tickMs = 1000;
 };
 
 // The string value after "key": at or after `from`, or "" when absent.
@@ -75,6 +77,7 @@ ControllerPlan ReadPlan(const std::string& config) {
     plan.down = NumberAfter(config, "down", marker, plan.down);
     plan.uploadTotal = NumberAfter(config, "uploadTotal", marker, plan.uploadTotal);
     plan.downloadTotal = NumberAfter(config, "downloadTotal", marker, plan.downloadTotal);
+    plan.tickMs = std::strtoul(NumberAfter(config, "tick", marker, "1000").c_str(), nullptr, 10);
   }
   return plan;
 }
@@ -144,7 +147,7 @@ void Serve(SOCKET client, const ControllerPlan& plan) {
     // first one-second tick; the stream never ends by itself.
     std::string bytes = Head("200 OK", "Transfer-Encoding: chunked") + "\r\n";
     for (;;) {
-      Sleep(1000);
+      Sleep(plan.tickMs);
       bytes += Chunk(Document(plan, path));
       if (!SendText(client, bytes)) break;
       bytes.clear();

@@ -8,7 +8,10 @@
 // endpoint is looked for on Windows only.
 #include <gtest/gtest.h>
 #include <ws2tcpip.h>
+// after the Winsock headers, which bring in windows.h.
+#include <tlhelp32.h>
 
+#include <algorithm>
 #include <chrono>
 #include <regex>
 #include <string>
@@ -71,6 +74,25 @@ constexpr std::string_view kReportedFigures =
 constexpr std::string_view kZeroFigures =
     "{\"uploadBytesPerSecond\":0,\"downloadBytesPerSecond\":0,\"uploadTotalBytes\":0,"
     "\"downloadTotalBytes\":0,\"processes\":[";
+
+// Threads of the helper process now (Wine keeps some of its own in every
+// process; they are in the count before a core starts too).
+int CountThreadsOf(DWORD processId) {
+  int count = 0;
+  HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
+  THREADENTRY32 entry{};
+  entry.dwSize = sizeof(entry);
+  for (BOOL more = Thread32First(snapshot, &entry); more; more = Thread32Next(snapshot, &entry)) {
+    if (entry.th32OwnerProcessID == processId) ++count;
+  }
+  CloseHandle(snapshot);
+  return count;
+}
+
+double MillisecondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+      .count();
+}
 
 struct Entry {
   std::string name;
@@ -154,9 +176,14 @@ Snapshot TakeSnapshot() {
   Snapshot snapshot;
   const auto start = std::chrono::steady_clock::now();
   snapshot.answer = Request("GET", "/traffic-snapshot");
-  snapshot.elapsedMs =
-      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+  snapshot.elapsedMs = MillisecondsSince(start);
   return snapshot;
+}
+
+double TimeStop() {
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(Request("POST", "/stop").body.find("\"disconnected\""), 10u);
+  return MillisecondsSince(start);
 }
 
 class TrafficSnapshot : public ::testing::Test {
@@ -256,6 +283,64 @@ TEST_F(TrafficSnapshot, ControllerThatDoesNotDeliverGivesZerosAndStillListsProce
     EXPECT_LT(snapshot.elapsedMs, baselineMs + kTwoTimeOutsMs + kMarginMs)
         << "controller off took " << baselineMs << " ms";
   }
+}
+
+// The background reader of the "/traffic" stream belongs to the core it reads.
+TEST_F(TrafficSnapshot, StreamReaderLivesAndDiesWithItsCore) {
+  // The fewest seen over half a second: a connection thread may still be
+  // ending after the start-up ping.
+  int idleThreads = CountThreadsOf(helper.process.dwProcessId);
+  for (int i = 0; i < 5; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    idleThreads = std::min(idleThreads, CountThreadsOf(helper.process.dwProcessId));
+  }
+  // A core whose stream ticks every 100 ms, so its reader always holds a
+  // sample well under 1.5 s old when the next core starts 0.8 s later: the
+  // new core's first snapshot must still carry the new core's figures.
+  StartCore(Config(kController, ",\"x-test-controller\":{\"up\":1,\"down\":2,\"tick\":100}"));
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  ExpectSnapshot(TakeSnapshot(),
+                 "{\"uploadBytesPerSecond\":1,\"downloadBytesPerSecond\":2,\"uploadTotalBytes\":0,"
+                 "\"downloadTotalBytes\":0,\"processes\":[");
+  StartCore(Config(kController,
+                   std::string(Figures("stream")) + ",\"x-test-double\":\"die-after-2500\""));
+  ExpectSnapshot(TakeSnapshot(), kReportedFigures);
+  // The core dies: the next snapshot is the empty text and the reader is gone.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (Request("GET", "/status").body.find("\"connected\"") != std::string::npos &&
+         std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  EXPECT_EQ(Request("GET", "/traffic-snapshot").raw, JsonAnswer(kEmptySnapshot));
+  while (CountThreadsOf(helper.process.dwProcessId) > idleThreads &&
+         std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  EXPECT_EQ(CountThreadsOf(helper.process.dwProcessId), idleThreads)
+      << "a reader outlived its core";
+
+  // A silent controller holds the reader's request for ever; snapshots are
+  // still bounded by their own time-outs, and a stop in the middle of one
+  // neither waits for it nor for the reader.
+  const std::string silent = Config(kController, Figures("silent"));
+  StartCore(silent);
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  const double stopAloneMs = TimeStop();
+  StartCore(silent);
+  Snapshot during;
+  std::thread snapshot([&during] { during = TakeSnapshot(); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  const double stopDuringMs = TimeStop();
+  snapshot.join();
+  EXPECT_LT(stopDuringMs, stopAloneMs + 500) << "the stop waited for the snapshot";
+  EXPECT_LT(during.elapsedMs, kTwoTimeOutsMs + kMarginMs);
+  EXPECT_EQ(during.answer.status, 200);
+  while (CountThreadsOf(helper.process.dwProcessId) > idleThreads &&
+         std::chrono::steady_clock::now() < deadline + std::chrono::seconds(10)) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  EXPECT_EQ(CountThreadsOf(helper.process.dwProcessId), idleThreads)
+      << "a reader outlived its stop";
 }
 
 }  // namespace

@@ -124,6 +124,32 @@ TEST(IsCoreResponseComplete, EndsByDeclaredLengthOrFirstSample) {
   }
 }
 
+TEST(TakeLatestTrafficSample, KeepsTheLastWholeSampleOfEachReceive) {
+  // Receives in the order a kept-open stream delivers them.
+  struct Step {
+    std::string received;
+    bool found;
+    std::string sample;  // what the caller holds afterwards
+    std::string pending;
+  } steps[] = {
+      {kTrafficHead, false, "", ""},
+      {"1a\r\n{\"up\":-1250,", false, "", "{\"up\":-1250,"},
+      {"\"down\":98304}\n\r\n", true, "{\"up\":-1250,\"down\":98304}", ""},
+      {"{\"message\":\"Unauthorized\"}\n", false, "{\"up\":-1250,\"down\":98304}", ""},
+      {"10\r\n{\"up\":1,\"down\":2}\n\r\n10\r\n{\"up\":3,\"down\":4}\n\r\n10\r\n{\"up\":5", true,
+       "{\"up\":3,\"down\":4}", "{\"up\":5"},
+      {std::string(kCoreResponseCapBytes, 'x'), false, "{\"up\":3,\"down\":4}", ""},
+  };
+  std::string pending;
+  std::string sample;
+  for (const Step& step : steps) {
+    pending += step.received;
+    EXPECT_EQ(TakeLatestTrafficSample(pending, sample), step.found) << step.received;
+    EXPECT_EQ(sample, step.sample);
+    EXPECT_EQ(pending, step.pending);
+  }
+}
+
 // Made-up names: "app<pid>.exe", with a quote and a backslash for pid 666.
 int gLookups = 0;
 std::string FakeName(std::uint32_t pid) {
