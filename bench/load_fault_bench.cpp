@@ -172,8 +172,9 @@ void RunSilentController() {
   const double start = bench::NowUs();
   const std::string snapshot = test::Request("GET", "/traffic-snapshot").body;
   const double elapsedMs = (bench::NowUs() - start) / 1000.0;
-  std::printf("  snapshot answered in %.0f ms (two 1200 ms receive time-outs plus the tables)\n",
-              elapsedMs);
+  std::printf(
+      "  snapshot answered in %.0f ms (its two 1200 ms receive time-outs run beside the tables)\n",
+      elapsedMs);
   Check(snapshot.rfind("{\"uploadBytesPerSecond\":0,\"downloadBytesPerSecond\":0,"
                        "\"uploadTotalBytes\":0,\"downloadTotalBytes\":0,\"processes\":[",
                        0) == 0,
