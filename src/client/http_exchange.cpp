@@ -14,20 +14,6 @@ bool IsAllDigits(std::string_view text) {
   return true;
 }
 
-bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (std::size_t i = 0; i < a.size(); ++i) {
-    if (ToLowerAscii(a[i]) != ToLowerAscii(b[i])) return false;
-  }
-  return true;
-}
-
-std::string_view TrimSpaces(std::string_view text) {
-  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-  while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-  return text;
-}
-
 // "HTTP/1.0 200 OK" or "HTTP/1.1 404 Not Found"; the reason may be empty.
 bool ReadStatusLine(std::string_view line, HttpAnswer& answer) {
   if (line.size() < 12 || !line.starts_with("HTTP/1.") || line[8] != ' ') return false;
@@ -42,7 +28,7 @@ bool ReadHeaderLine(std::string_view line, HttpAnswer& answer) {
   const std::size_t colon = line.find(':');
   if (colon == std::string_view::npos || colon == 0) return false;
   const std::string_view name = line.substr(0, colon);
-  const std::string_view value = TrimSpaces(line.substr(colon + 1));
+  const std::string_view value = TrimBlanks(line.substr(colon + 1));
   if (EqualsIgnoringCase(name, "Content-Length")) {
     // Twenty digits can pass 2^64; no answer of the helper comes near that.
     if (!IsAllDigits(value) || value.size() > 18) return false;
