@@ -51,15 +51,7 @@ const std::string kControllerOn =
 // The table part of a snapshot, done here: four scans and the entry list.
 double TimeTableScanUs() {
   const double start = bench::NowUs();
-  ProcessEntryList list;
-  list.nameForPid = &ProcessNameForPid;
-  const ObservationSink sink = [&list](const SocketObservation& observation) {
-    AppendProcessEntry(list, observation);
-  };
-  ScanTcp4(sink);
-  ScanTcp6(sink);
-  ScanUdp4(sink);
-  ScanUdp6(sink);
+  BuildProcessEntries();
   return bench::NowUs() - start;
 }
 

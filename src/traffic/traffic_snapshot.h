@@ -62,5 +62,8 @@ std::string FormatTrafficSnapshot(const CoreFigures& figures, std::string_view p
 // figures (0 when its controller is off, silent or refuses) and the process
 // list from the socket tables.
 std::string BuildTrafficSnapshot();
+// The "processes" array of a snapshot, "[" to "]", from the four socket table
+// scans: the part of a snapshot that the system's tables decide alone.
+std::string BuildProcessEntries();
 
 }  // namespace orvel

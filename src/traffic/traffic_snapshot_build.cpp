@@ -8,6 +8,20 @@
 
 namespace orvel {
 
+std::string BuildProcessEntries() {
+  ProcessEntryList list;
+  list.nameForPid = &ProcessNameForPid;
+  const ObservationSink sink = [&list](const SocketObservation& observation) {
+    AppendProcessEntry(list, observation);
+  };
+  ScanTcp4(sink);
+  ScanTcp6(sink);
+  ScanUdp4(sink);
+  ScanUdp6(sink);
+  list.text += ']';
+  return list.text;
+}
+
 std::string BuildTrafficSnapshot() {
   // Decided afresh from the core's process on every call; without a core not
   // even the socket tables are read.
@@ -29,20 +43,11 @@ std::string BuildTrafficSnapshot() {
     LocalHttpGet(kCoreApiPort, "/connections", kCoreApiTimeoutMs, connections);
   });
 
-  ProcessEntryList list;
-  list.nameForPid = &ProcessNameForPid;
-  const ObservationSink sink = [&list](const SocketObservation& observation) {
-    AppendProcessEntry(list, observation);
-  };
-  ScanTcp4(sink);
-  ScanTcp6(sink);
-  ScanUdp4(sink);
-  ScanUdp6(sink);
-  list.text += ']';
+  const std::string processes = BuildProcessEntries();
 
   if (trafficRead.joinable()) trafficRead.join();
   connectionsRead.join();
-  return FormatTrafficSnapshot(ReadCoreFigures(traffic, connections), list.text);
+  return FormatTrafficSnapshot(ReadCoreFigures(traffic, connections), processes);
 }
 
 }  // namespace orvel
