@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/http_client.h"
+#include "support/harness.h"
 
 namespace orvel::bench {
 
@@ -78,7 +78,7 @@ long Delta(SIZE_T before, SIZE_T after) {
 }  // namespace
 
 bool StartBenchHelper(test::ScopedHelper& helper, test::CorePlacement core) {
-  if (helper.Start(core)) return true;
+  if (helper.Start({core})) return true;
   std::printf("helper did not start: %s\n", helper.error.c_str());
   return false;
 }
@@ -92,9 +92,14 @@ LoadRun RunPingLoad(unsigned short port, int clients, int perClient) {
     threads.emplace_back([&, c] {
       for (int i = 0; i < perClient; ++i) {
         const double begin = NowUs();
-        const test::HttpAnswer answer = test::ExchangeRaw(kPingRequest, port, 10000);
+        std::string answer;
+        if (const SOCKET s = test::ConnectLoopback(port, 10000); s != INVALID_SOCKET) {
+          test::SendAll(s, kPingRequest);
+          answer = test::ReadToEnd(s);
+          closesocket(s);
+        }
         const double elapsed = NowUs() - begin;
-        if (answer.raw == kPong) {
+        if (answer == kPong) {
           samples[static_cast<std::size_t>(c)].push_back(elapsed);
         } else {
           ++errors[static_cast<std::size_t>(c)];

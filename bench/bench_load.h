@@ -8,7 +8,7 @@
 #include <string>
 
 #include "bench_stats.h"
-#include "support/helper_process.h"
+#include "support/harness.h"
 
 namespace orvel::bench {
 

@@ -9,11 +9,10 @@
 #include <vector>
 
 #include "bench_load.h"
-#include "support/helper_process.h"
-#include "support/http_client.h"
-#include "support/proxy_registry.h"
 
 using namespace orvel;
+
+#include "support/harness.h"
 
 namespace {
 
@@ -23,10 +22,10 @@ constexpr double kSurvivalWaitUs = 800000;
 const std::string kConfig =
     "{\"inbounds\":[{\"type\":\"mixed\",\"tag\":\"orvel-vpn-mixed\",\"listen_port\":2080}]}";
 
-bool Started(const test::HttpAnswer& answer) {
+bool Started(const client::HttpAnswer& answer) {
   if (answer.body.find("\"connected\"") != std::string::npos) return true;
-  std::printf("start failed: %s\n--- helper log ---\n%s\n---\n", answer.raw.c_str(),
-              test::Request("GET", "/logs").body.c_str());
+  std::printf("start failed: %d %s\n--- helper log ---\n%s\n---\n", answer.status,
+              answer.body.c_str(), test::Request("GET", "/logs").body.c_str());
   return false;
 }
 
@@ -50,7 +49,7 @@ int main(int argc, char** argv) {
   int failures = 0;
   for (int i = 0; i < kTimedStarts; ++i) {
     const double start = bench::NowUs();
-    const test::HttpAnswer answer = test::Request("POST", "/start", kConfig);
+    const client::HttpAnswer answer = test::Request("POST", "/start", kConfig);
     samples.push_back(bench::NowUs() - start);
     if (!Started(answer)) ++failures;
     test::Request("POST", "/stop");

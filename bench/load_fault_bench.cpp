@@ -12,13 +12,11 @@
 #include <vector>
 
 #include "bench_load.h"
-#include "support/helper_process.h"
-#include "support/http_client.h"
-#include "support/proxy_registry.h"
-#include "support/urltest_client.h"
 #include "urltest/urltest_body.h"
 
 using namespace orvel;
+
+#include "support/harness.h"
 
 namespace {
 
@@ -58,9 +56,9 @@ std::string UrlTestBody(const std::string& requestId, int nodes, const std::stri
 // Lines of a finished stream that carry a delay above zero.
 int GoodLines(const test::UrlTestStream& stream) {
   int good = 0;
-  for (const test::StreamLine& line : stream.lines) {
-    test::ResultLine result;
-    if (test::ParseResultLine(line, result) && result.delayMs > 0) ++good;
+  for (const auto& line : stream.lines) {
+    client::UrlTestResult result;
+    if (client::ParseUrlTestResultLine(line.first, result) && result.delayMs > 0) ++good;
   }
   return good;
 }
@@ -230,7 +228,7 @@ void RunConcurrentSessionsOneCancelled() {
 
 int main() {
   test::ResetTestRecords();
-  test::ClearFetchRecords();
+  test::ResetTestRecords();
   const test::ProxyValues userProxy = test::ReadProxyValues();
   test::ScopedHelper helper;
   if (!bench::StartBenchHelper(helper, test::CorePlacement::kBesideExe)) return 1;

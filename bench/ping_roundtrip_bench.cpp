@@ -6,10 +6,10 @@
 #include <vector>
 
 #include "bench_load.h"
-#include "support/helper_process.h"
-#include "support/http_client.h"
 
 using namespace orvel;
+
+#include "support/harness.h"
 
 namespace {
 

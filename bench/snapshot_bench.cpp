@@ -25,13 +25,13 @@
 #include <vector>
 
 #include "bench_load.h"
-#include "support/helper_process.h"
-#include "support/http_client.h"
 #include "traffic/core_stats_client.h"
 #include "traffic/socket_tables.h"
 #include "traffic/traffic_snapshot.h"
 
 using namespace orvel;
+
+#include "support/harness.h"
 
 namespace {
 
@@ -66,7 +66,7 @@ struct Series {
 // One snapshot; false (and counted) unless it is a snapshot answer.
 bool Snapshot(Series& series, double& elapsedUs) {
   const double start = bench::NowUs();
-  const test::HttpAnswer answer = test::Request("GET", "/traffic-snapshot", {}, 30000);
+  const client::HttpAnswer answer = test::Request("GET", "/traffic-snapshot", {}, 30000);
   elapsedUs = bench::NowUs() - start;
   if (answer.status != 200 || answer.body.rfind("{\"uploadBytesPerSecond\":", 0) != 0) {
     ++series.errors;
@@ -108,7 +108,7 @@ void ReportPaired(const char* label, const Series& series) {
 }
 
 bool StartCore(const std::string& config) {
-  const test::HttpAnswer answer = test::Request("POST", "/start-tun", config);
+  const client::HttpAnswer answer = test::Request("POST", "/start-tun", config);
   if (answer.body.rfind("{\"status\":\"connected\"", 0) == 0) return true;
   std::printf("core did not start: %s\n", answer.body.c_str());
   return false;

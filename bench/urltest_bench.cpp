@@ -6,16 +6,16 @@
 // records) and the delays the helper reported.
 #include <windows.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <vector>
 
 #include "bench_load.h"
-#include "support/helper_process.h"
-#include "support/http_client.h"
-#include "support/urltest_client.h"
 #include "urltest/urltest_body.h"
 
 using namespace orvel;
+
+#include "support/harness.h"
 
 namespace {
 
@@ -76,18 +76,29 @@ std::string NodesBody() {
 
 }  // namespace
 
+// The most fetches any test process saw running when it started.
+int MostAtOnce() {
+  int most = 0;
+  for (const test::FetchRecord& record : test::ReadFetchRecords()) {
+    most = std::max(
+        most,
+        std::atoi(record.count("runningAtStart") ? record.at("runningAtStart").c_str() : "0"));
+  }
+  return most;
+}
+
 int main() {
   test::ScopedHelper helper;
   if (!bench::StartBenchHelper(helper, test::CorePlacement::kBesideExe)) return 1;
   const std::string body = NodesBody();
-  test::ClearFetchRecords();
+  test::ResetTestRecords();
   test::RunUrlTest(body);  // warm-up: file cache, first thread creation
   std::printf("URL test of %d nodes at %d ms each, %d workers, under Wine on this machine\n",
               kNodes, kNodeDelayMs, kWorkers);
   for (int run = 1; run <= kRuns; ++run) {
     const bench::Summary start = MeasureProcessStart(helper.directory + L"\\sing-box.exe");
     const double startMs = start.medianUs / 1000.0;
-    test::ClearFetchRecords();
+    test::ResetTestRecords();
 
     const double began = bench::NowUs();
     const test::UrlTestStream stream = test::RunUrlTest(body);
@@ -95,9 +106,9 @@ int main() {
 
     std::vector<double> delaysUs;
     int failed = 0;
-    for (const test::StreamLine& line : stream.lines) {
-      test::ResultLine result;
-      if (!test::ParseResultLine(line, result) || result.delayMs <= 0) {
+    for (const auto& line : stream.lines) {
+      client::UrlTestResult result;
+      if (!client::ParseUrlTestResultLine(line.first, result) || result.delayMs <= 0) {
         ++failed;
         continue;
       }
@@ -113,7 +124,7 @@ int main() {
         "  test processes at once: at most %d\n",
         run, startMs, start.p99Us / 1000.0, start.count, wallMs, rounds, kNodeDelayMs, startMs,
         idealMs, wallMs / idealMs, stream.lines.size(), failed, delays.medianUs / 1000.0,
-        delays.p99Us / 1000.0, test::MaxRunningAtStart(test::ReadFetchRecords()));
+        delays.p99Us / 1000.0, MostAtOnce());
   }
   return 0;
 }

@@ -8,9 +8,8 @@
 #include <system_error>
 
 #include "core/core_process_win.h"
+#include "support/harness.h"
 #include "core/data_files.h"
-#include "support/helper_process.h"
-#include "support/proxy_registry.h"
 #include "sysproxy/system_proxy.h"
 #include "sysproxy/system_proxy_win.h"
 

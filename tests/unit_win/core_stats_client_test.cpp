@@ -2,6 +2,7 @@
 // and which answers it ends by itself instead of waiting for the peer's close
 // or for its receive time-out.
 #include "traffic/core_stats_client.h"
+#include "support/harness.h"
 
 #include <gtest/gtest.h>
 #include <winsock2.h>
@@ -12,7 +13,6 @@
 #include <thread>
 #include <vector>
 
-#include "support/http_client.h"
 
 namespace orvel {
 namespace {

@@ -6,6 +6,7 @@
 // there the owner of our own sockets can only be checked to be 0; on Windows
 // it must be this process.
 #include "traffic/socket_tables.h"
+#include "support/harness.h"
 
 #include <gtest/gtest.h>
 #include <winsock2.h>
@@ -16,8 +17,6 @@
 #include <string>
 #include <vector>
 
-#include "support/helper_process.h"
-#include "support/http_client.h"
 
 namespace orvel {
 namespace {
