@@ -7,7 +7,6 @@
 //   "fatal3"                 three coloured FATAL lines ("\n" ends), exit 1
 //   "fatal3-plain"           the same three lines without colour, "\r\n" ends
 //   "silent"                 no output, exit 1
-//   "flood"                  16 KiB of 'F' on stderr, exit 1 after 300 ms
 //   "die-after-N"            as absent for N ms, then exit 1 (N decimal)
 //
 // Every run first records its invocation (DescribeInvocation) in
@@ -17,7 +16,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-#include <thread>
 
 #include "doubles/fake_sing_box.h"
 
@@ -76,17 +74,6 @@ int RunCoreMode(const std::vector<std::wstring>& args) {
     return 1;
   }
   if (behaviour == "silent") return 1;
-  if (behaviour == "flood") {
-    // The pipe may hold less than this (4 KiB by default): the writer blocks
-    // on its own thread and the process ends anyway. Small writes, because a
-    // write that does not fit whole is lost with the process, while those
-    // that fitted stay readable.
-    std::thread([] {
-      for (int i = 0; i < 32; ++i) WriteStderr(std::string(512, 'F'));
-    }).detach();
-    Sleep(300);
-    ExitProcess(1);
-  }
   if (behaviour.rfind("die-after-", 0) == 0) {
     StartControllerIfConfigured(config);
     Sleep(static_cast<DWORD>(std::strtoul(behaviour.c_str() + 10, nullptr, 10)));

@@ -28,7 +28,6 @@ std::wstring HelperDataDirectory();               // %APPDATA%\OrvelVPN
 std::wstring RecordPath(std::wstring_view name);  // C:\OrvelTest\<name>
 
 std::string ToUtf8(const std::wstring& text);
-std::wstring FromUtf8(const std::string& text);
 std::string ReadFileBytes(const std::wstring& path);
 bool WriteFileText(const std::wstring& path, const std::string& bytes);
 

@@ -1,0 +1,518 @@
+// The control API, the core search and the VPN commands as the client uses
+// them, against one running helper, the core double and the Wine registry:
+// answers byte for byte, the per-user proxy values with their types, the
+// notification order, what the core was started with, what is left behind
+// after each refusal, and the same commands sent by a page in a real browser.
+#include <gtest/gtest.h>
+#include <ws2tcpip.h>
+
+#include <filesystem>
+#include <system_error>
+#include <thread>
+
+#include "support/harness.h"
+#include "urltest/urltest_body.h"
+
+namespace orvel::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+const ProxyValues kUserProxy{Dword(1), Text(L"corp-proxy.example:8080"),
+                             Text(L"*.corp.example;<local>")};
+const ProxyValues kNothingSet{Absent(), Absent(), Absent()};
+const std::string kNotFound =
+    "HTTP/1.1 404 Not Found\r\nContent-Type: text/plain\r\nContent-Length: 9\r\n"
+    "Connection: close\r\n\r\nnot found";
+const std::string kPong = OkAnswer("text/plain", "pong");
+
+// A configuration shaped like the client's, with bytes that any re-encoding
+// would change (CRLF, tab, UTF-8, a NUL and a 0xFF at the end).
+std::string Config(std::string_view behaviour = {}, std::string_view port = "2080") {
+  std::string config =
+      "{\"log\":{\"level\":\"info\"},\r\n"
+      " \"inbounds\":[{\"type\":\"mixed\",\"tag\":\"orvel-vpn-mixed\",\"listen\":\"127.0.0.1\"";
+  if (!port.empty()) config += ",\"listen_port\":" + std::string(port);
+  config += "}],\r\n\t\"outbounds\":[{\"type\":\"direct\",\"tag\":\"\xE6\x97\xA5\xE6\x9C\xAC\"}]";
+  if (!behaviour.empty()) config += ",\"x-test-double\":\"" + std::string(behaviour) + "\"";
+  return config + "}\n" + std::string("\0\xFF", 2);
+}
+
+std::string Answer(std::string_view status, std::string_view message) {
+  return OkAnswer("application/json", "{\"status\":\"" + std::string(status) +
+                                          "\",\"platform\":\"windows\",\"message\":\"" +
+                                          std::string(message) + "\"}");
+}
+const std::string kConnected = Answer("connected", "Windows helper connected");
+const std::string kTunConnected = Answer("connected", "Windows TUN helper connected");
+const std::string kDisconnected = Answer("disconnected", "Windows helper disconnected");
+const std::string kRunning = Answer("connected", "Windows helper running");
+const std::string kIdle = Answer("disconnected", "Windows helper idle");
+
+std::string Send(std::string_view method, std::string_view path, std::string_view body = {}) {
+  return ExchangeRaw(BuildRequest(method, path, body));
+}
+std::string Post(std::string_view path, std::string_view body = {}) {
+  return Send("POST", path, body);
+}
+std::string Status() { return Send("GET", "/status"); }
+int Cores() { return CountProcessesNamed(L"sing-box.exe"); }
+std::wstring DataFile(std::wstring_view name) {
+  return HelperDataDirectory() + L"\\" + std::wstring(name);
+}
+// What the core double was started with; it writes that once it runs, which
+// on a loaded machine can come after the helper's answer.
+std::map<std::string, std::string> CoreRun() {
+  for (int i = 0; i < 200 && !fs::exists(RecordPath(L"core-run.txt")); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return ReadKeyValues(RecordPath(L"core-run.txt"));
+}
+
+// One helper for the whole executable; the cases that need another start
+// (core placement, a kill, a saved file) restart it.
+class Helper : public ::testing::Test {
+ protected:
+  static void TearDownTestSuite() { helper.Stop(); }
+  void SetUp() override {
+    if (!helper.Running()) {
+      ASSERT_TRUE(Restart()) << helper.error;
+    }
+    Post("/stop");
+    ResetTestRecords();
+    WriteProxyValues(kNothingSet);
+    logMark = Logs().size();
+  }
+  void TearDown() override { WriteProxyValues(kNothingSet); }
+  static bool Restart(CorePlacement core = CorePlacement::kBesideExe, std::wstring path = {},
+                      bool keepDataDirectory = false) {
+    helper.Stop();
+    return helper.Start({core, path, keepDataDirectory});
+  }
+  // The log written since the test began.
+  std::string NewLog() const {
+    const std::string all = Logs();
+    return all.substr(std::min(logMark, all.size()));
+  }
+  static ScopedHelper helper;
+  std::size_t logMark = 0;
+};
+ScopedHelper Helper::helper;
+
+TEST_F(Helper, FramingAndRoutesGiveExactAnswers) {
+  std::string oversized = "GET /ping HTTP/1.1\r\nX: ";
+  oversized += std::string(1048577 - oversized.size(), 'a');  // one past the limit, no blank line
+  const std::pair<std::string, std::string> cases[] = {
+      {"GET /ping HTTP/1.1\r\n\r\n", kPong},
+      {"GET /ping HTTP/1.0\r\n\r\n", kPong},
+      {"GET /nothing HTTP/1.1\r\n\r\n", kNotFound},
+      {"get /ping HTTP/1.1\r\n\r\n", kNotFound},
+      {"GET /ping?x=1 HTTP/1.1\r\n\r\n", kNotFound},
+      {"POST /ping HTTP/1.1\r\n\r\n", kNotFound},
+      {"GET\r\n\r\n", kNotFound},
+      {"\r\n\r\n", kNotFound},
+      {"GET /start HTTP/1.1\r\n\r\n", kNotFound},
+      {"GET /stop HTTP/1.1\r\n\r\n", kNotFound},
+      {"POST /status HTTP/1.1\r\n\r\n", kNotFound},
+      {"POST /start-tun/ HTTP/1.1\r\n\r\n", kNotFound},
+      {BuildRequest("GET", "/status", "x"), kIdle},  // bodies of status and stop are ignored
+      {BuildRequest("POST", "/stop", "x"), kDisconnected},
+      // "/ping" ignores its body: a whole answer shows it was read to its length.
+      {"GET /ping HTTP/1.1\r\ncontent-length:   5\r\n\r\nhello", kPong},
+      {"GET /ping HTTP/1.1\r\nCONTENT-LENGTH: 5\r\n\r\nhello", kPong},
+      {"GET /ping HTTP/1.1\r\nContent-Length:5\r\n\r\nhello", kPong},
+      {"GET /ping HTTP/1.1\r\n\r\nstray bytes", kPong},
+      {oversized,
+       "HTTP/1.1 413 Payload Too Large\r\nContent-Type: text/plain\r\nContent-Length: 17\r\n"
+       "Connection: close\r\n\r\nrequest too large"},
+  };
+  for (const auto& [request, answer] : cases) {
+    EXPECT_EQ(ExchangeRaw(request), answer) << request.substr(0, 40);
+  }
+
+  // A silent client holds no one up; a head sent byte by byte is assembled;
+  // a body that ends short gets no answer, only the close.
+  SOCKET silent = ConnectLoopback(kHelperPort);
+  SOCKET slow = ConnectLoopback(kHelperPort, 10000);
+  SOCKET shortBody = ConnectLoopback(kHelperPort, 10000);
+  for (char c : std::string("GET /ping HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n")) {
+    SendAll(slow, std::string_view(&c, 1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  EXPECT_EQ(ReadToEnd(slow), kPong);
+  SendAll(shortBody, "GET /ping HTTP/1.1\r\nContent-Length: 10\r\n\r\n12345");
+  shutdown(shortBody, SD_SEND);
+  bool closed = false;
+  EXPECT_EQ(ReadToEnd(shortBody, &closed), "");
+  EXPECT_TRUE(closed);
+  for (SOCKET s : {silent, slow, shortBody}) closesocket(s);
+
+  const client::HttpAnswer logs = Request("GET", "/logs");
+  EXPECT_EQ(logs.contentType, "text/plain");
+  EXPECT_EQ(logs.body.substr(0, 1), "[");
+  EXPECT_TRUE(LogHasLine("OrvelVpnHelper started")) << logs.body;
+  // A second instance ends at once and the first keeps serving.
+  EXPECT_EQ(RunAndWait(helper.ExePath(), L"", 10000), 0u);
+  EXPECT_EQ(ExchangeRaw("GET /ping HTTP/1.1\r\n\r\n"), kPong);
+}
+
+TEST_F(Helper, CoreIsSearchedBesideTheExeThenInDataThenOnPath) {
+  struct Case {
+    CorePlacement placement;
+    bool alsoInData, alsoOnPath;
+    std::wstring found;  // relative to the helper's folder; "" is the PATH copy
+  } cases[] = {{CorePlacement::kBesideExe, true, true, L"\\sing-box.exe"},
+               {CorePlacement::kDataSubfolder, false, false, L"\\data\\sing-box.exe"},
+               {CorePlacement::kDataSubfolder, false, true, L"\\data\\sing-box.exe"},
+               {CorePlacement::kNone, false, true, L""}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(ToUtf8(c.found));
+    ResetTestRecords();
+    ASSERT_TRUE(Restart(c.placement, c.alsoOnPath ? DoublesDirectory() : L"")) << helper.error;
+    if (c.alsoInData) {
+      fs::create_directories(helper.directory + L"\\data");
+      fs::copy_file(DoublesDirectory() + L"\\sing-box.exe",
+                    helper.directory + L"\\data\\sing-box.exe");
+    }
+    EXPECT_EQ(Post("/start-tun", Config()), kTunConnected);
+    const std::wstring exe =
+        c.found.empty() ? DoublesDirectory() + L"\\sing-box.exe" : helper.directory + c.found;
+    EXPECT_EQ(CoreRun()["commandLine"].substr(0, exe.size() + 2),
+              std::string("\"") + ToUtf8(exe) + "\"");
+  }
+
+  ASSERT_TRUE(Restart(CorePlacement::kNone)) << helper.error;
+  WriteProxyValues(kUserProxy);
+  const std::string missing =
+      "sing-box.exe not found; place it next to the app exe or in the data directory";
+  EXPECT_EQ(Post("/start-tun", Config()), Answer("disconnected", missing));
+  EXPECT_EQ(Post("/start", Config()), Answer("disconnected", missing));
+  EXPECT_TRUE(LogHasLine(missing));
+  EXPECT_EQ(ReadFileBytes(DataFile(L"sing-box.json")), Config());  // written before the search
+  EXPECT_EQ(ReadProxyValues(), kUserProxy);
+  EXPECT_EQ(ReadWininetCalls(), "");
+  // A folder named like the core is found but cannot run.
+  fs::create_directories(helper.directory + L"\\sing-box.exe");
+  EXPECT_EQ(Post("/start-tun", Config()),
+            Answer("disconnected", "Failed to start sing-box.exe: 5"));
+  EXPECT_EQ(Cores(), 0);
+  helper.Stop();
+}
+
+TEST_F(Helper, ProxyStartPointsTheSystemProxyAtTheCore) {
+  // The answer must end with end-of-stream although the core keeps running:
+  // the core holds no copy of the client's socket.
+  SOCKET s = ConnectLoopback(kHelperPort, 10000);
+  SendAll(s, BuildRequest("POST", "/start", Config()));
+  bool closed = false;
+  EXPECT_EQ(ReadToEnd(s, &closed), kConnected);
+  closesocket(s);
+  EXPECT_TRUE(closed);
+  EXPECT_EQ(Cores(), 1);
+  EXPECT_EQ(ReadProxyValues(), HelperProxyValues(2080));
+  EXPECT_EQ(ReadWininetCalls(), "39\n37\n");  // settings changed, then refresh
+  EXPECT_EQ(ReadFileBytes(DataFile(L"sing-box.json")), Config());
+  auto run = CoreRun();
+  EXPECT_EQ(run["commandLine"], std::string("\"") + ToUtf8(helper.directory) +
+                                    "\\sing-box.exe\" run -c \"" +
+                                    ToUtf8(DataFile(L"sing-box.json")) + "\"");
+  EXPECT_EQ(run["workingDirectory"], ToUtf8(HelperDataDirectory()));
+  for (const char* name :
+       {"ENABLE_DEPRECATED_LEGACY_DNS_SERVERS", "ENABLE_DEPRECATED_OUTBOUND_DNS_RULE_ITEM",
+        "ENABLE_DEPRECATED_MISSING_DOMAIN_RESOLVER"}) {
+    EXPECT_EQ(run[name], "true") << name;
+  }
+  EXPECT_TRUE(LogHasLine("VPN started through OrvelVpnHelper"));
+  EXPECT_EQ(Status(), kRunning);
+  // An empty body is refused and the running core keeps running.
+  const std::string empty = Answer("disconnected", "Empty subscription config or runtime config");
+  EXPECT_EQ(Post("/start"), empty);
+  EXPECT_EQ(Post("/start-tun"), empty);
+  EXPECT_EQ(Cores(), 1);
+  EXPECT_EQ(Status(), kRunning);
+  // A start over a running one puts the user's values back first; without a
+  // listen_port the default mixed port is used.
+  EXPECT_EQ(Post("/start", Config({}, {})), kConnected);
+  EXPECT_EQ(ReadProxyValues(), HelperProxyValues(7897));
+  EXPECT_EQ(ReadWininetCalls(), "39\n37\n39\n37\n39\n37\n");
+  EXPECT_EQ(Cores(), 1);
+  // TUN mode after proxy mode puts the user's settings back and sets none.
+  EXPECT_EQ(Post("/start-tun", Config()), kTunConnected);
+  EXPECT_EQ(ReadProxyValues(), (ProxyValues{Dword(0), Absent(), Absent()}));
+  EXPECT_EQ(ReadWininetCalls(), "39\n37\n39\n37\n39\n37\n39\n37\n");
+  EXPECT_EQ(Cores(), 1);
+  EXPECT_TRUE(LogHasLine("TUN VPN started through OrvelVpnHelperService"));
+  EXPECT_EQ(Post("/stop"), kDisconnected);
+  EXPECT_EQ(Cores(), 0);
+  EXPECT_EQ(ReadWininetCalls(), "39\n37\n39\n37\n39\n37\n39\n37\n");
+}
+
+TEST_F(Helper, StopPutsBackExactlyWhatTheUserHad) {
+  const struct {
+    ProxyValues before, after;
+  } cases[] = {
+      // An absent ProxyEnable comes back as 0; absent strings stay absent.
+      {kNothingSet, {Dword(0), Absent(), Absent()}},
+      {kUserProxy, kUserProxy},
+      // An expandable string returns as a plain one; an empty one is deleted.
+      {{Dword(0), Text(L"%PROXYHOST%:3128", REG_EXPAND_SZ), Text(L"")},
+       {Dword(0), Text(L"%PROXYHOST%:3128"), Absent()}},
+      {{Dword(7), Dword(5), Dword(6)}, {Dword(7), Absent(), Absent()}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(c.before));
+    ResetTestRecords();
+    WriteProxyValues(c.before);
+    ASSERT_EQ(Post("/start", Config()), kConnected);
+    EXPECT_EQ(Post("/stop"), kDisconnected);
+    EXPECT_EQ(ReadProxyValues(), c.after);
+    EXPECT_EQ(ReadWininetCalls(), "39\n37\n39\n37\n");
+    EXPECT_EQ(Cores(), 0);
+    EXPECT_EQ(Status(), kIdle);
+  }
+  // With nothing saved a stop still answers and logs, and touches nothing.
+  ResetTestRecords();
+  WriteProxyValues(kUserProxy);
+  EXPECT_EQ(Post("/stop"), kDisconnected);
+  EXPECT_TRUE(LogHasLine("VPN stopped through OrvelVpnHelper"));
+  EXPECT_EQ(ReadProxyValues(), kUserProxy);
+  EXPECT_EQ(ReadWininetCalls(), "");
+}
+
+TEST_F(Helper, FailedStartsLeaveNothingBehind) {
+  // The double's three lines, as they appear in the JSON answer.
+  std::string plain, red;
+  for (const char* line : {"[0000] decode config: json: unknown field \\\"x-test-double\\\"",
+                           "[0000] start service: start inbound/mixed[mixed-in]: listen tcp "
+                           "127.0.0.1:2080",
+                           "[0000] exit status 1"}) {
+    plain += "FATAL" + std::string(line) + " ";
+    red += "\x1b[31mFATAL\x1b[0m" + std::string(line) + " ";
+  }
+  const std::pair<std::string, std::string> cases[] = {
+      {"fatal3-plain", plain}, {"fatal3", red}, {"silent", "<empty>"}};
+  WriteProxyValues(kUserProxy);
+  for (const auto& [behaviour, summary] : cases) {
+    SCOPED_TRACE(behaviour);
+    const std::string message = "sing-box.exe exited immediately: " + summary;
+    EXPECT_EQ(Post(behaviour == "silent" ? "/start-tun" : "/start", Config(behaviour)),
+              Answer("disconnected", message));
+    EXPECT_EQ(Cores(), 0);
+    EXPECT_EQ(Status(), kIdle);
+  }
+  EXPECT_NE(NewLog().find("] sing-box.exe exited immediately: <empty>\r\n"), std::string::npos);
+
+  // Refusals of the file system come before the core and are not logged: a
+  // folder where the configuration goes, a file where the data directory goes.
+  std::error_code ec;
+  fs::remove(DataFile(L"sing-box.json"), ec);
+  fs::create_directories(DataFile(L"sing-box.json"));
+  EXPECT_EQ(Post("/start", Config()), Answer("disconnected", "Failed to write sing-box config"));
+  fs::remove_all(HelperDataDirectory(), ec);
+  ASSERT_TRUE(WriteFileText(HelperDataDirectory(), "in the way"));
+  const std::string exists = std::system_category().message(ERROR_ALREADY_EXISTS);
+  EXPECT_EQ(Post("/start-tun", Config()), Answer("disconnected", exists));
+  fs::remove(HelperDataDirectory(), ec);
+  EXPECT_EQ(NewLog().find("Failed to write"), std::string::npos);
+  EXPECT_EQ(NewLog().find(exists), std::string::npos);
+  EXPECT_EQ(ReadProxyValues(), kUserProxy);
+  EXPECT_EQ(ReadWininetCalls(), "");
+
+  // The enable fails at its announcement, and so does the restore after it,
+  // whose message wins; the values are back and the saved copy is kept, so
+  // the next stop restores and announces once more.
+  SetWininetFailing(true);
+  const std::string restoreFailed = "Failed to restore Windows system proxy";
+  EXPECT_EQ(Post("/start", Config()), Answer("disconnected", restoreFailed));
+  EXPECT_TRUE(LogHasLine(restoreFailed));
+  EXPECT_EQ(Cores(), 0);
+  EXPECT_EQ(ReadProxyValues(), kUserProxy);
+  EXPECT_EQ(ReadWininetCalls(), "39\n39\n");
+  SetWininetFailing(false);
+  EXPECT_EQ(Post("/stop"), kDisconnected);
+  EXPECT_EQ(Post("/stop"), kDisconnected);
+  EXPECT_EQ(ReadWininetCalls(), "39\n39\n39\n37\n");
+  EXPECT_EQ(ReadProxyValues(), kUserProxy);
+
+  // Nobody watches a core that dies later: status turns idle, the system
+  // proxy stays set until a stop.
+  ASSERT_EQ(Post("/start", Config("die-after-1000")), kConnected);
+  EXPECT_EQ(WaitUntilNoProcessNamed(L"sing-box.exe", 20000), 0);
+  EXPECT_EQ(Status(), kIdle);
+  EXPECT_EQ(ReadProxyValues(), HelperProxyValues(2080));
+}
+
+TEST_F(Helper, KilledHelperTakesItsProcessesAlongAndTheNextPutsTheProxyBack) {
+  const ProxyValues userOwn{Dword(0), Text(L"home-proxy:3128"), Absent()};
+  const struct {
+    const ProxyValues* changedMeanwhile;
+    const ProxyValues& after;
+    const char* wininetCalls;
+    const char* logLine;
+  } cases[] = {
+      {nullptr, kUserProxy, "39\n37\n39\n37\n",
+       "Restored the proxy settings saved before the helper last ended"},
+      {&userOwn, userOwn, "39\n37\n",
+       "System proxy changed since the helper last set it; kept it and removed the saved proxy "
+       "settings"},
+  };
+  UrlTestRequest urltest{"crash", "http://cp.example.test/", {}, "{}"};
+  for (int i = 1; i <= 12; ++i) urltest.nodeTags.push_back(std::to_string(i) + "-hang");
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.logLine);
+    ResetTestRecords();
+    WriteProxyValues(kUserProxy);
+    ASSERT_EQ(Post("/start", Config()), kConnected);
+    const SOCKET stream = StartUrlTest(EncodeUrlTestBody(urltest, 2));
+    ASSERT_EQ(WaitForFetchRecords(12, 15000).size(), 12u);
+    ASSERT_GT(Cores(), 1);  // the first may have reached their 3 s limit on a loaded machine
+    // The harness's own job stays open: only the helper's job can end them.
+    helper.Kill();
+    closesocket(stream);
+    EXPECT_EQ(WaitUntilNoProcessNamed(L"sing-box.exe", 10000), 0);
+    EXPECT_EQ(ReadProxyValues(), HelperProxyValues(2080));
+    EXPECT_TRUE(fs::exists(DataFile(L"proxy-state.txt")));
+    if (c.changedMeanwhile != nullptr) WriteProxyValues(*c.changedMeanwhile);
+    ASSERT_TRUE(Restart(CorePlacement::kBesideExe, {}, true)) << helper.error;
+    EXPECT_EQ(ReadProxyValues(), c.after);
+    EXPECT_FALSE(fs::exists(DataFile(L"proxy-state.txt")));
+    EXPECT_TRUE(LogHasLine(c.logLine)) << Logs();
+    EXPECT_EQ(ReadWininetCalls(), c.wininetCalls);
+  }
+  // A saved file that cannot be read is removed and the registry left alone.
+  const std::string whole =
+      "orvel-proxy-state 1\nProxyEnable=0\nProxyServer=\nProxyOverride=\nHelperProxyServer="
+      "http=127.0.0.1:2080;https=127.0.0.1:2080;socks=127.0.0.1:2080\nend\n";
+  for (const std::string& bytes :
+       {whole.substr(0, whole.size() - 4),
+        std::string(whole).replace(whole.find("Server=\n"), 8, "Server=\x01\n"), std::string()}) {
+    SCOPED_TRACE(bytes);
+    ResetTestRecords();
+    WriteProxyValues(HelperProxyValues(2080));  // as a helper leaves it: only the file can tell
+    ASSERT_TRUE(WriteFileText(DataFile(L"proxy-state.txt"), bytes));
+    ASSERT_TRUE(Restart(CorePlacement::kBesideExe, {}, true)) << helper.error;
+    EXPECT_EQ(ReadProxyValues(), HelperProxyValues(2080));
+    EXPECT_EQ(ReadWininetCalls(), "");
+    EXPECT_FALSE(fs::exists(DataFile(L"proxy-state.txt")));
+    EXPECT_TRUE(
+        LogHasLine("Removed an unreadable saved proxy settings file; system proxy left as it is"));
+  }
+}
+
+TEST_F(Helper, BrowserMarksAreRefusedAndOtherClientsAnsweredAsBefore) {
+  const std::string config = Config();
+  const std::string length = "Content-Length: " + std::to_string(config.size()) + "\r\n";
+  const std::string forbidden =
+      "HTTP/1.1 403 Forbidden\r\nContent-Type: text/plain\r\nContent-Length: 9\r\n"
+      "Connection: close\r\n\r\nforbidden";
+  const std::pair<std::string, std::string> cases[] = {
+      {"GET /logs HTTP/1.1\r\nHost: rebind.example:17891\r\n\r\n", forbidden},  // DNS rebinding
+      {"POST /start HTTP/1.1\r\nHost: 127.0.0.1:17891\r\nOrigin: null\r\n" + length + "\r\n" +
+           config,
+       forbidden},  // a sandboxed page
+      // The exact header sets of curl, Node's fetch and a desktop framework.
+      {"POST /start HTTP/1.1\r\nHost: 127.0.0.1:17891\r\nUser-Agent: curl/7.88.1\r\nAccept: "
+       "*/*\r\n" +
+           length + "Content-Type: application/x-www-form-urlencoded\r\n\r\n" + config,
+       kConnected},
+      {"GET /status HTTP/1.1\r\nhost: 127.0.0.1:17891\r\nconnection: keep-alive\r\naccept: */*\r\n"
+       "accept-language: *\r\nsec-fetch-mode: cors\r\nuser-agent: node\r\n"
+       "accept-encoding: gzip, deflate\r\n\r\n",
+       kRunning},
+      {"POST /stop HTTP/1.1\r\norigin: http://tauri.localhost\r\nuser-agent: OrvelVPN/2.4.0\r\n"
+       "accept: */*\r\nhost: 127.0.0.1:17891\r\ncontent-length: 0\r\n\r\n",
+       kDisconnected},
+  };
+  for (const auto& [request, answer] : cases) EXPECT_EQ(ExchangeRaw(request), answer) << request;
+  EXPECT_TRUE(LogHasLine("Refused GET /logs: Host \"rebind.example:17891\""));
+  EXPECT_TRUE(LogHasLine("Refused POST /start: Origin \"null\""));
+  EXPECT_EQ(ReadWininetCalls(), "39\n37\n39\n37\n");
+}
+
+// Stops the user's VPN, starts the page's own configuration with the system
+// proxy on its port 6666, tries TUN mode, and reads the status: what any web
+// site could do with "simple" requests, which a browser sends without asking.
+constexpr std::string_view kAttackingPage = R"(<!doctype html><script>
+const helper = "http://127.0.0.1:17891";
+const config = JSON.stringify({inbounds: [{type: "mixed", tag: "orvel-vpn-mixed",
+                                           listen: "127.0.0.1", listen_port: 6666}]});
+Promise.allSettled([
+  fetch(helper + "/stop", {method: "POST", mode: "no-cors", body: ""}),
+  fetch(helper + "/start", {method: "POST", mode: "no-cors", body: config}),
+  fetch(helper + "/start-tun", {method: "POST", mode: "no-cors", body: config}),
+  new Promise(done => { const image = new Image(); image.onload = image.onerror = done;
+                        image.src = helper + "/status"; }),
+]).then(() => fetch("/finished"));
+</script>)";
+
+TEST_F(Helper, WebPageInARealBrowserChangesNothing) {
+  // The host's chromium is started through Wine: a Unix program given to
+  // CreateProcessW runs as a host process, but Wine returns no handle for it
+  // and passes on only its standard output, so `timeout` bounds its life and
+  // the page reports its end to our server.
+  if (GetProcAddress(GetModuleHandleW(L"ntdll"), "wine_get_version") == nullptr) {
+    GTEST_SKIP() << "drives the host's chromium through Wine";
+  }
+  WriteProxyValues(kUserProxy);
+  ASSERT_EQ(Post("/start", Config()), kConnected);
+  // Another loopback address is another site to the browser.
+  SOCKET listener = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  inet_pton(AF_INET, "127.0.0.2", &address.sin_addr);
+  int size = sizeof(address);
+  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), size), 0);
+  ASSERT_EQ(listen(listener, 16), 0);
+  getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
+  const std::string origin = "http://127.0.0.2:" + std::to_string(ntohs(address.sin_port));
+  HANDLE finished = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  std::thread server([&] {
+    for (SOCKET s; (s = accept(listener, nullptr, nullptr)) != INVALID_SOCKET; closesocket(s)) {
+      char head[4096] = {};
+      recv(s, head, sizeof(head) - 1, 0);
+      const std::string_view request(head);
+      if (request.starts_with("GET /finished ")) SetEvent(finished);
+      const std::string_view body = request.starts_with("GET / ") ? kAttackingPage : "";
+      SendAll(s, "HTTP/1.1 200 OK\r\nContent-Type: text/html\r\nContent-Length: " +
+                     std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" +
+                     std::string(body));
+    }
+  });
+  const std::wstring outputPath = BinDirectory() + L"\\browser-output.txt";
+  SECURITY_ATTRIBUTES inherit{sizeof(inherit), nullptr, TRUE};
+  HANDLE output = CreateFileW(outputPath.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit,
+                              CREATE_ALWAYS, 0, nullptr);
+  STARTUPINFOW startup{};
+  startup.cb = sizeof(startup);
+  startup.dwFlags = STARTF_USESTDHANDLES;
+  startup.hStdOutput = startup.hStdError = output;
+  std::wstring commandLine =
+      L"sh -c \"exec 2>&1; profile=$(mktemp -d) && timeout -k 5 90 chromium --headless "
+      L"--no-sandbox --disable-gpu --disable-quic --no-first-run --disable-background-networking "
+      L"--disable-component-update --disable-sync --user-data-dir=$profile "
+      L"--virtual-time-budget=5000 --dump-dom " +
+      std::wstring(origin.begin(), origin.end()) + L"/; rm -rf $profile\"";
+  PROCESS_INFORMATION browser{};
+  const BOOL launched = CreateProcessW(L"Z:\\bin\\sh", commandLine.data(), nullptr, nullptr, TRUE,
+                                       0, nullptr, nullptr, &startup, &browser);
+  CloseHandle(output);
+  const bool pageFinished = launched && WaitForSingleObject(finished, 120000) == WAIT_OBJECT_0;
+  closesocket(listener);
+  server.join();
+  CloseHandle(finished);
+  ASSERT_TRUE(pageFinished) << "chromium did not finish the page:\n" << ReadFileBytes(outputPath);
+
+  for (std::string_view path : {"/stop", "/start", "/start-tun"}) {
+    EXPECT_TRUE(LogHasLine("Refused POST " + std::string(path) + ": Origin \"" + origin + "\""));
+  }
+  EXPECT_TRUE(LogHasLine("Refused GET /status: Sec-Fetch-Site \"cross-site\""));
+  EXPECT_EQ(NewLog().find("VPN stopped through"), std::string::npos);
+  EXPECT_EQ(NewLog().find("TUN VPN started"), std::string::npos);
+  EXPECT_EQ(ReadFileBytes(DataFile(L"sing-box.json")), Config());
+  EXPECT_EQ(Cores(), 1);
+  EXPECT_EQ(ReadProxyValues(), HelperProxyValues(2080));
+  EXPECT_EQ(ReadWininetCalls(), "39\n37\n");
+}
+
+}  // namespace
+}  // namespace orvel::test
