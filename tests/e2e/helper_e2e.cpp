@@ -122,6 +122,10 @@ TEST_F(Helper, FramingAndRoutesGiveExactAnswers) {
       {"GET /ping HTTP/1.1\r\nCONTENT-LENGTH: 5\r\n\r\nhello", kPong},
       {"GET /ping HTTP/1.1\r\nContent-Length:5\r\n\r\nhello", kPong},
       {"GET /ping HTTP/1.1\r\n\r\nstray bytes", kPong},
+      // A foreign Host is a page reached through DNS rebinding.
+      {"GET /logs HTTP/1.1\r\nHost: rebind.example:17891\r\n\r\n",
+       "HTTP/1.1 403 Forbidden\r\nContent-Type: text/plain\r\nContent-Length: 9\r\n"
+       "Connection: close\r\n\r\nforbidden"},
       {oversized,
        "HTTP/1.1 413 Payload Too Large\r\nContent-Type: text/plain\r\nContent-Length: 17\r\n"
        "Connection: close\r\n\r\nrequest too large"},
@@ -129,6 +133,7 @@ TEST_F(Helper, FramingAndRoutesGiveExactAnswers) {
   for (const auto& [request, answer] : cases) {
     EXPECT_EQ(ExchangeRaw(request), answer) << request.substr(0, 40);
   }
+  EXPECT_TRUE(LogHasLine("Refused GET /logs: Host \"rebind.example:17891\""));
 
   // A silent client holds no one up; a head sent byte by byte is assembled;
   // a body that ends short gets no answer, only the close.
@@ -379,54 +384,17 @@ TEST_F(Helper, KilledHelperTakesItsProcessesAlongAndTheNextPutsTheProxyBack) {
     EXPECT_TRUE(LogHasLine(c.logLine)) << Logs();
     EXPECT_EQ(ReadWininetCalls(), c.wininetCalls);
   }
-  // A saved file that cannot be read is removed and the registry left alone.
-  const std::string whole =
-      "orvel-proxy-state 1\nProxyEnable=0\nProxyServer=\nProxyOverride=\nHelperProxyServer="
-      "http=127.0.0.1:2080;https=127.0.0.1:2080;socks=127.0.0.1:2080\nend\n";
-  for (const std::string& bytes :
-       {whole.substr(0, whole.size() - 4),
-        std::string(whole).replace(whole.find("Server=\n"), 8, "Server=\x01\n"), std::string()}) {
-    SCOPED_TRACE(bytes);
-    ResetTestRecords();
-    WriteProxyValues(HelperProxyValues(2080));  // as a helper leaves it: only the file can tell
-    ASSERT_TRUE(WriteFileText(DataFile(L"proxy-state.txt"), bytes));
-    ASSERT_TRUE(Restart(CorePlacement::kBesideExe, {}, true)) << helper.error;
-    EXPECT_EQ(ReadProxyValues(), HelperProxyValues(2080));
-    EXPECT_EQ(ReadWininetCalls(), "");
-    EXPECT_FALSE(fs::exists(DataFile(L"proxy-state.txt")));
-    EXPECT_TRUE(
-        LogHasLine("Removed an unreadable saved proxy settings file; system proxy left as it is"));
-  }
-}
-
-TEST_F(Helper, BrowserMarksAreRefusedAndOtherClientsAnsweredAsBefore) {
-  const std::string config = Config();
-  const std::string length = "Content-Length: " + std::to_string(config.size()) + "\r\n";
-  const std::string forbidden =
-      "HTTP/1.1 403 Forbidden\r\nContent-Type: text/plain\r\nContent-Length: 9\r\n"
-      "Connection: close\r\n\r\nforbidden";
-  const std::pair<std::string, std::string> cases[] = {
-      {"GET /logs HTTP/1.1\r\nHost: rebind.example:17891\r\n\r\n", forbidden},  // DNS rebinding
-      {"POST /start HTTP/1.1\r\nHost: 127.0.0.1:17891\r\nOrigin: null\r\n" + length + "\r\n" +
-           config,
-       forbidden},  // a sandboxed page
-      // The exact header sets of curl, Node's fetch and a desktop framework.
-      {"POST /start HTTP/1.1\r\nHost: 127.0.0.1:17891\r\nUser-Agent: curl/7.88.1\r\nAccept: "
-       "*/*\r\n" +
-           length + "Content-Type: application/x-www-form-urlencoded\r\n\r\n" + config,
-       kConnected},
-      {"GET /status HTTP/1.1\r\nhost: 127.0.0.1:17891\r\nconnection: keep-alive\r\naccept: */*\r\n"
-       "accept-language: *\r\nsec-fetch-mode: cors\r\nuser-agent: node\r\n"
-       "accept-encoding: gzip, deflate\r\n\r\n",
-       kRunning},
-      {"POST /stop HTTP/1.1\r\norigin: http://tauri.localhost\r\nuser-agent: OrvelVPN/2.4.0\r\n"
-       "accept: */*\r\nhost: 127.0.0.1:17891\r\ncontent-length: 0\r\n\r\n",
-       kDisconnected},
-  };
-  for (const auto& [request, answer] : cases) EXPECT_EQ(ExchangeRaw(request), answer) << request;
-  EXPECT_TRUE(LogHasLine("Refused GET /logs: Host \"rebind.example:17891\""));
-  EXPECT_TRUE(LogHasLine("Refused POST /start: Origin \"null\""));
-  EXPECT_EQ(ReadWininetCalls(), "39\n37\n39\n37\n");
+  // A saved file cut short is removed and the registry left as it is.
+  ResetTestRecords();
+  WriteProxyValues(HelperProxyValues(2080));  // as a helper leaves it: only the file can tell
+  ASSERT_TRUE(WriteFileText(DataFile(L"proxy-state.txt"),
+                            "orvel-proxy-state 1\nProxyEnable=0\nProxyServer=\nProxyOverride=\n"));
+  ASSERT_TRUE(Restart(CorePlacement::kBesideExe, {}, true)) << helper.error;
+  EXPECT_EQ(ReadProxyValues(), HelperProxyValues(2080));
+  EXPECT_EQ(ReadWininetCalls(), "");
+  EXPECT_FALSE(fs::exists(DataFile(L"proxy-state.txt")));
+  EXPECT_TRUE(
+      LogHasLine("Removed an unreadable saved proxy settings file; system proxy left as it is"));
 }
 
 // Stops the user's VPN, starts the page's own configuration with the system
