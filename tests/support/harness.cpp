@@ -1,7 +1,5 @@
 #include "support/harness.h"
 
-#include <knownfolders.h>
-#include <shlobj.h>
 #include <tlhelp32.h>
 #include <ws2tcpip.h>
 
@@ -11,6 +9,7 @@
 #include <fstream>
 #include <mutex>
 #include <ostream>
+#include <sstream>
 #include <thread>
 
 #include "client/helper_client.h"
@@ -44,12 +43,12 @@ client::ClientAddress HelperAddress() {
   return address;
 }
 
-void WriteValue(HKEY key, const wchar_t* name, const RegValue& value) {
+void WriteValue(const wchar_t* name, const RegValue& value) {
   if (value.type == REG_NONE) {
-    RegDeleteValueW(key, name);
+    RegDeleteKeyValueW(HKEY_CURRENT_USER, kInternetSettings, name);
   } else {
-    RegSetValueExW(key, name, 0, value.type, reinterpret_cast<const BYTE*>(value.bytes.data()),
-                   static_cast<DWORD>(value.bytes.size()));
+    RegSetKeyValueW(HKEY_CURRENT_USER, kInternetSettings, name, value.type, value.bytes.data(),
+                    static_cast<DWORD>(value.bytes.size()));
   }
 }
 
@@ -63,15 +62,7 @@ std::wstring BinDirectory() {
 
 std::wstring DoublesDirectory() { return BinDirectory() + L"\\doubles"; }
 
-std::wstring HelperDataDirectory() {
-  PWSTR roaming = nullptr;
-  std::wstring result;
-  if (SUCCEEDED(SHGetKnownFolderPath(FOLDERID_RoamingAppData, 0, nullptr, &roaming))) {
-    result = std::wstring(roaming) + L"\\OrvelVPN";
-    CoTaskMemFree(roaming);
-  }
-  return result;
-}
+std::wstring HelperDataDirectory() { return std::wstring(_wgetenv(L"APPDATA")) + L"\\OrvelVPN"; }
 
 std::wstring RecordPath(std::wstring_view name) { return L"C:\\OrvelTest\\" + std::wstring(name); }
 
@@ -300,15 +291,9 @@ ProxyValues ReadProxyValues() {
 }
 
 void WriteProxyValues(const ProxyValues& values) {
-  HKEY key = nullptr;
-  if (RegCreateKeyExW(HKEY_CURRENT_USER, kInternetSettings, 0, nullptr, 0, KEY_SET_VALUE, nullptr,
-                      &key, nullptr) != ERROR_SUCCESS) {
-    return;
-  }
-  WriteValue(key, L"ProxyEnable", values.proxyEnable);
-  WriteValue(key, L"ProxyServer", values.proxyServer);
-  WriteValue(key, L"ProxyOverride", values.proxyOverride);
-  RegCloseKey(key);
+  WriteValue(L"ProxyEnable", values.proxyEnable);
+  WriteValue(L"ProxyServer", values.proxyServer);
+  WriteValue(L"ProxyOverride", values.proxyOverride);
 }
 
 ProxyValues HelperProxyValues(unsigned port) {
@@ -320,29 +305,23 @@ ProxyValues HelperProxyValues(unsigned port) {
 std::string ReadWininetCalls() { return ReadFileBytes(RecordPath(L"wininet-calls.txt")); }
 
 void SetWininetFailing(bool failing) {
-  if (failing) {
-    WriteFileText(RecordPath(L"wininet-fail"), "fail");
-  } else {
+  if (!failing || !WriteFileText(RecordPath(L"wininet-fail"), "fail")) {
     DeleteFileW(RecordPath(L"wininet-fail").c_str());
   }
 }
 
 std::map<std::string, std::string> ReadKeyValues(const std::wstring& path) {
   std::map<std::string, std::string> fields;
-  const std::string text = ReadFileBytes(path);
-  for (std::size_t at = 0; at < text.size();) {
-    const std::size_t end = std::min(text.find('\n', at), text.size());
-    const std::size_t equals = text.find('=', at);
-    if (equals < end) {
-      const std::string key = text.substr(at, equals - at);
-      // The configuration comes last and keeps its line feeds.
-      if (key == "configText") {
-        fields[key] = text.substr(equals + 1);
-        break;
-      }
-      fields[key] = text.substr(equals + 1, end - equals - 1);
+  std::istringstream lines(ReadFileBytes(path));
+  for (std::string line; std::getline(lines, line);) {
+    const std::size_t equals = line.find('=');
+    if (equals == std::string::npos) continue;
+    std::string& value = fields[line.substr(0, equals)] = line.substr(equals + 1);
+    // The configuration comes last and keeps its line feeds.
+    if (line.starts_with("configText=")) {
+      value += (lines.eof() ? "" : "\n") + std::string(std::istreambuf_iterator<char>(lines), {});
+      break;
     }
-    at = end + 1;
   }
   return fields;
 }
