@@ -263,30 +263,27 @@ void PrintTo(const ProxyValues& values, std::ostream* out) {
   }
 }
 
-bool ReadRegistryValue(HKEY root, const wchar_t* key, const wchar_t* name, RegValue& value) {
+ProxyValues ReadProxyValues() {
   // RegQueryValueExW, not RegGetValueW: the bytes exactly as stored, with no
   // terminating zero added to a string that lacks one.
-  value = Absent();
-  HKEY opened = nullptr;
-  if (RegOpenKeyExW(root, key, 0, KEY_QUERY_VALUE, &opened) != ERROR_SUCCESS) return false;
-  DWORD size = 0;
-  bool found =
-      RegQueryValueExW(opened, name, nullptr, &value.type, nullptr, &size) == ERROR_SUCCESS;
-  value.bytes.resize(size);
-  found = found &&
-          RegQueryValueExW(opened, name, nullptr, nullptr,
-                           reinterpret_cast<BYTE*>(value.bytes.data()), &size) == ERROR_SUCCESS;
-  RegCloseKey(opened);
-  if (!found) value = Absent();
-  value.bytes.resize(found ? size : 0);
-  return found;
-}
-
-ProxyValues ReadProxyValues() {
   ProxyValues values;
-  ReadRegistryValue(HKEY_CURRENT_USER, kInternetSettings, L"ProxyEnable", values.proxyEnable);
-  ReadRegistryValue(HKEY_CURRENT_USER, kInternetSettings, L"ProxyServer", values.proxyServer);
-  ReadRegistryValue(HKEY_CURRENT_USER, kInternetSettings, L"ProxyOverride", values.proxyOverride);
+  HKEY key = nullptr;
+  if (RegOpenKeyExW(HKEY_CURRENT_USER, kInternetSettings, 0, KEY_QUERY_VALUE, &key) != 0) {
+    return values;
+  }
+  for (const auto& [name, value] : {std::pair{L"ProxyEnable", &values.proxyEnable},
+                                    {L"ProxyServer", &values.proxyServer},
+                                    {L"ProxyOverride", &values.proxyOverride}}) {
+    DWORD size = 0;
+    if (RegQueryValueExW(key, name, nullptr, &value->type, nullptr, &size) != ERROR_SUCCESS) {
+      *value = Absent();
+      continue;
+    }
+    value->bytes.resize(size);
+    RegQueryValueExW(key, name, nullptr, nullptr, reinterpret_cast<BYTE*>(value->bytes.data()),
+                     &size);
+  }
+  RegCloseKey(key);
   return values;
 }
 

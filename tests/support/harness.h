@@ -87,7 +87,6 @@ void PrintTo(const ProxyValues& values, std::ostream* out);
 ProxyValues ReadProxyValues();
 void WriteProxyValues(const ProxyValues& values);  // an absent value is deleted
 ProxyValues HelperProxyValues(unsigned port);      // what a start on `port` writes
-bool ReadRegistryValue(HKEY root, const wchar_t* key, const wchar_t* name, RegValue& value);
 
 // wininet-calls.txt: one option number per line, e.g. "39\n37\n".
 std::string ReadWininetCalls();
