@@ -8,8 +8,8 @@
 #include <system_error>
 
 #include "core/core_process_win.h"
-#include "support/harness.h"
 #include "core/data_files.h"
+#include "support/harness.h"
 #include "sysproxy/system_proxy.h"
 #include "sysproxy/system_proxy_win.h"
 
@@ -17,85 +17,54 @@ namespace orvel {
 namespace {
 
 namespace fs = std::filesystem;
-using test::Absent;
 using test::Dword;
-using test::ProxyValues;
+using test::RegValue;
 using test::Text;
 
-struct Pipe {
-  HANDLE read = nullptr;
-  HANDLE write = nullptr;
-  explicit Pipe(DWORD bufferBytes) { CreatePipe(&read, &write, nullptr, bufferBytes); }
-  ~Pipe() {
-    if (read != nullptr) CloseHandle(read);
-    CloseWrite();
-  }
-  void CloseWrite() {
-    if (write != nullptr) CloseHandle(write);
-    write = nullptr;
-  }
-  void Put(const std::string& bytes) {
-    DWORD written = 0;
-    WriteFile(write, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr);
-  }
-};
-
-TEST(DrainPipeOutput, TakesWhatIsThereWithoutBlocking) {
-  {
-    Pipe pipe(65536);
-    EXPECT_EQ(DrainPipeOutput(pipe.read), "");  // writer alive, nothing written
-    pipe.Put("FATAL one\n");
-    EXPECT_EQ(DrainPipeOutput(pipe.read), "FATAL one\n");
-  }
-  {
-    Pipe pipe(65536);
-    pipe.CloseWrite();
-    EXPECT_EQ(DrainPipeOutput(pipe.read), "");
-  }
-}
-
-TEST(DrainPipeOutput, StopsAfterTheChunkThatPassesFourKiB) {
-  Pipe pipe(65536);
+TEST(DrainPipeOutput, TakesWhatIsThereUpToTheChunkPastFourKiBWithoutWaiting) {
   std::string text;
   for (int i = 0; i < 12000; ++i) text += static_cast<char>('a' + i % 26);
-  pipe.Put(text);
-  pipe.CloseWrite();
-  EXPECT_EQ(DrainPipeOutput(pipe.read), text.substr(0, 8192));
-}
-
-class DataFiles : public ::testing::Test {
- protected:
-  void SetUp() override {
-    root = fs::temp_directory_path().wstring() + L"orvel-data-files";
-    fs::remove_all(root, ec);
+  const struct {
+    std::string written;
+    bool writerOpen;
+    std::string drained;
+  } cases[] = {
+      {"", true, ""},  // nothing there yet: no wait for the writer
+      {"FATAL one\n", true, "FATAL one\n"},
+      {text, false, text.substr(0, 8192)},
+  };
+  for (const auto& c : cases) {
+    HANDLE read = nullptr;
+    HANDLE write = nullptr;
+    ASSERT_TRUE(CreatePipe(&read, &write, nullptr, 65536));
+    DWORD written = 0;
+    if (!c.written.empty()) WriteFile(write, c.written.data(), c.written.size(), &written, nullptr);
+    if (!c.writerOpen) CloseHandle(write);
+    EXPECT_EQ(DrainPipeOutput(read), c.drained);
+    if (c.writerOpen) CloseHandle(write);
+    CloseHandle(read);
   }
-  void TearDown() override { fs::remove_all(root, ec); }
-  std::wstring root;
-  std::error_code ec;
-};
-
-TEST_F(DataFiles, CreatesEveryMissingFolder) {
-  std::string message = "untouched";
-  const std::wstring deep = root + L"\\a\\b\\c";
-  EXPECT_TRUE(CreateDirectoryTree(deep, message));
-  EXPECT_TRUE(fs::is_directory(deep));
-  EXPECT_TRUE(CreateDirectoryTree(deep, message));  // existing is fine
-  EXPECT_TRUE(CreateDirectoryTree(root + L"/d/e", message));
-  EXPECT_TRUE(fs::is_directory(root + L"\\d\\e"));
-  EXPECT_EQ(message, "untouched");
 }
 
-TEST_F(DataFiles, WriteReplacesTheWholeFile) {
-  fs::create_directories(root);
+TEST(DataFiles, CreatesEveryMissingFolderAndReplacesWholeFiles) {
+  const std::wstring root = fs::temp_directory_path().wstring() + L"orvel-data-files";
+  std::error_code ec;
+  fs::remove_all(root, ec);
+  std::string message = "untouched";
+  for (const std::wstring& folder : {root + L"\\a\\b", root + L"\\a\\b", root + L"/c/d"}) {
+    EXPECT_TRUE(CreateDirectoryTree(folder, message));  // existing is fine
+    EXPECT_TRUE(fs::is_directory(folder));
+  }
+  EXPECT_EQ(message, "untouched");
   const std::wstring path = root + L"\\sing-box.json";
-  ASSERT_TRUE(WriteWholeFile(path, "a much longer earlier configuration"));
-  const std::string bytes("{}\r\n\0\xFF", 6);
-  ASSERT_TRUE(WriteWholeFile(path, bytes));
-  EXPECT_EQ(test::ReadFileBytes(path), bytes);
+  for (const std::string& bytes : {std::string(40, 'a'), std::string("{}\r\n\0\xFF", 6)}) {
+    ASSERT_TRUE(WriteWholeFile(path, bytes));
+    EXPECT_EQ(test::ReadFileBytes(path), bytes);
+  }
   ASSERT_TRUE(WriteWholeFile(path, ""));
   EXPECT_EQ(fs::file_size(path), 0u);
-  fs::create_directories(root + L"\\folder");
-  EXPECT_FALSE(WriteWholeFile(root + L"\\folder", "x"));
+  EXPECT_FALSE(WriteWholeFile(root + L"\\a", "x"));  // a folder
+  fs::remove_all(root, ec);
 }
 
 TEST(ReadRegistryString, AcceptsOnlyStringTypes) {
@@ -103,92 +72,68 @@ TEST(ReadRegistryString, AcceptsOnlyStringTypes) {
   ASSERT_EQ(RegCreateKeyExW(HKEY_CURRENT_USER, L"Software\\OrvelTest", 0, nullptr, 0,
                             KEY_ALL_ACCESS, nullptr, &key, nullptr),
             ERROR_SUCCESS);
-  struct Case {
+  const struct {
     const wchar_t* name;
-    test::RegValue value;
+    RegValue value;
     std::wstring expected;
   } cases[] = {
       {L"plain", Text(L"host:8080"), L"host:8080"},
       {L"expand", Text(L"%HOST%:1", REG_EXPAND_SZ), L"%HOST%:1"},  // not expanded
       {L"extra zeros", Text(std::wstring(L"ab\0\0\0", 5)), L"ab"},
-      {L"unterminated", test::RegValue{REG_SZ, std::string("a\0b\0", 4)}, L"ab"},
+      {L"unterminated", RegValue{REG_SZ, std::string("a\0b\0", 4)}, L"ab"},
       {L"empty", Text(L""), L""},
       {L"number", Dword(1), L""},
-      {L"multi", test::RegValue{REG_MULTI_SZ, std::string("a\0\0\0\0\0", 6)}, L""},
-      {L"binary", test::RegValue{REG_BINARY, std::string("a\0\0\0", 4)}, L""},
+      {L"multi", RegValue{REG_MULTI_SZ, std::string("a\0\0\0\0\0", 6)}, L""},
+      {L"binary", RegValue{REG_BINARY, std::string("a\0\0\0", 4)}, L""},
+      {L"absent", test::Absent(), L""},
   };
-  for (const Case& c : cases) {
-    RegSetValueExW(key, c.name, 0, c.value.type,
-                   reinterpret_cast<const BYTE*>(c.value.bytes.data()),
-                   static_cast<DWORD>(c.value.bytes.size()));
+  for (const auto& c : cases) {
+    if (c.value.type != REG_NONE) {
+      RegSetValueExW(key, c.name, 0, c.value.type,
+                     reinterpret_cast<const BYTE*>(c.value.bytes.data()),
+                     static_cast<DWORD>(c.value.bytes.size()));
+    }
     EXPECT_EQ(ReadRegistryString(key, c.name), c.expected) << test::ToUtf8(c.name);
   }
-  EXPECT_EQ(ReadRegistryString(key, L"absent"), L"");
   RegCloseKey(key);
   RegDeleteKeyW(HKEY_CURRENT_USER, L"Software\\OrvelTest");
 }
 
-// The proxy cycle works on the real per-user key; each test starts and ends
-// with nothing saved and nothing set.
-class SystemProxy : public ::testing::Test {
- protected:
-  void SetUp() override {
-    test::ResetTestRecords();
-    test::WriteProxyValues(kNothing);
-  }
-  void TearDown() override {
-    test::SetWininetFailing(false);
-    std::string ignored;
-    RestoreSystemProxy(ignored);
-    test::ResetTestRecords();
-    test::WriteProxyValues(kNothing);
-  }
-  const ProxyValues kNothing{Absent(), Absent(), Absent()};
-  const ProxyValues kUser{Dword(1), Text(L"user:3128"), Text(L"*.lan")};
-};
-
-TEST_F(SystemProxy, EnableTwiceThenRestoreOnceBringsBackTheFirstValues) {
-  test::WriteProxyValues(kUser);
+// The cycle works on the real per-user key and ends with nothing saved and
+// nothing set.
+TEST(SystemProxy, SavesOnceRestoresTheFirstValuesAndKeepsThemAfterFailures) {
+  const test::ProxyValues nothing{test::Absent(), test::Absent(), test::Absent()};
+  const test::ProxyValues user{Dword(1), Text(L"user:3128"), Text(L"*.lan")};
+  test::ResetTestRecords();
+  test::WriteProxyValues(user);
   std::string message = "untouched";
+  EXPECT_TRUE(RestoreSystemProxy(message));  // nothing saved: nothing touched
   ASSERT_TRUE(EnableSystemProxy(2080, message));
   EXPECT_EQ(test::ReadProxyValues(), test::HelperProxyValues(2080));
   ASSERT_TRUE(EnableSystemProxy(3000, message));
   EXPECT_EQ(test::ReadProxyValues(), test::HelperProxyValues(3000));
   ASSERT_TRUE(RestoreSystemProxy(message));
-  EXPECT_EQ(test::ReadProxyValues(), kUser);
-  EXPECT_EQ(test::ReadWininetCalls(), "39\n37\n39\n37\n39\n37\n");
+  EXPECT_EQ(test::ReadProxyValues(), user);
+  EXPECT_EQ(test::ReadWininetCalls(), "39\n37\n39\n37\n39\n37\n");  // changed, then refresh
   EXPECT_EQ(message, "untouched");
-}
 
-TEST_F(SystemProxy, RestoreWithNothingSavedTouchesNothing) {
-  test::WriteProxyValues(kUser);
-  std::string message = "untouched";
-  EXPECT_TRUE(RestoreSystemProxy(message));
-  EXPECT_EQ(test::ReadProxyValues(), kUser);
-  EXPECT_EQ(test::ReadWininetCalls(), "");
-  EXPECT_EQ(message, "untouched");
-}
-
-TEST_F(SystemProxy, FailedAnnouncementsKeepTheSnapshot) {
-  test::WriteProxyValues(kUser);
+  test::ResetTestRecords();
   test::SetWininetFailing(true);
-  std::string message;
   EXPECT_FALSE(EnableSystemProxy(2080, message));
   EXPECT_EQ(message, "Failed to enable Windows system proxy");
   // The writes made before the failure stay until a restore.
   EXPECT_EQ(test::ReadProxyValues(), test::HelperProxyValues(2080));
   EXPECT_FALSE(RestoreSystemProxy(message));
   EXPECT_EQ(message, "Failed to restore Windows system proxy");
-  EXPECT_EQ(test::ReadProxyValues(), kUser);
-  // Refresh is never tried after a failed "settings changed".
-  EXPECT_EQ(test::ReadWininetCalls(), "39\n39\n");
-
+  EXPECT_EQ(test::ReadProxyValues(), user);
   test::SetWininetFailing(false);
-  test::WriteProxyValues(kNothing);  // a restore that works writes the snapshot again
+  test::WriteProxyValues(nothing);  // the snapshot is kept: a working restore writes it again
   EXPECT_TRUE(RestoreSystemProxy(message));
-  EXPECT_EQ(test::ReadProxyValues(), kUser);
-  EXPECT_TRUE(NotifyProxySettingsChanged());
-  EXPECT_EQ(test::ReadWininetCalls(), "39\n39\n39\n37\n39\n37\n");
+  EXPECT_EQ(test::ReadProxyValues(), user);
+  // Never a refresh after a failed "settings changed".
+  EXPECT_EQ(test::ReadWininetCalls(), "39\n39\n39\n37\n");
+  test::ResetTestRecords();
+  test::WriteProxyValues(nothing);
 }
 
 }  // namespace
