@@ -187,7 +187,7 @@ TEST_F(Helper, FramingAndRoutesGiveExactAnswers) {
   EXPECT_EQ(logs.body.substr(0, 1), "[");
   EXPECT_TRUE(LogHasLine("OrvelVpnHelper started")) << logs.body;
   // A second instance ends at once and the first keeps serving.
-  EXPECT_EQ(RunAndWait(helper.ExePath(), L"", 10000), 0u);
+  EXPECT_EQ(RunAndWait(helper.ExePath(), L"", 30000), 0u);
   EXPECT_EQ(ExchangeRaw("GET /ping HTTP/1.1\r\n\r\n"), kPong);
 }
 
@@ -684,7 +684,7 @@ TEST_F(Helper, WebPageInARealBrowserChangesNothing) {
       L"sh -c \"profile=$(mktemp -d) && timeout -k 5 90 chromium --headless "
       L"--no-sandbox --disable-gpu --disable-quic --no-first-run --disable-background-networking "
       L"--disable-component-update --disable-sync --user-data-dir=$profile "
-      L"--virtual-time-budget=5000 --dump-dom >/dev/null " +
+      L"--virtual-time-budget=5000 --dump-dom >/dev/null 2>&1 " +
       std::wstring(origin.begin(), origin.end()) + L"/; rm -rf $profile\"";
   PROCESS_INFORMATION browser{};
   const BOOL launched = CreateProcessW(L"Z:\\bin\\sh", commandLine.data(), nullptr, nullptr, FALSE,
