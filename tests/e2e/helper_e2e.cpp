@@ -648,7 +648,7 @@ Promise.allSettled([
 TEST_F(Helper, WebPageInARealBrowserChangesNothing) {
   // The host's chromium is started through Wine: a Unix program given to
   // CreateProcessW runs as a host process, but Wine returns no handle for it
-  // and passes on only its standard output (here the test's own), so
+  // and passes on only its standard output (thrown away here), so
   // `timeout` bounds its life and the page reports its end to our server.
   if (GetProcAddress(GetModuleHandleW(L"ntdll"), "wine_get_version") == nullptr) {
     GTEST_SKIP() << "drives the host's chromium through Wine";
@@ -693,7 +693,7 @@ TEST_F(Helper, WebPageInARealBrowserChangesNothing) {
   closesocket(listener);
   server.join();
   CloseHandle(finished);
-  ASSERT_TRUE(pageFinished) << "chromium did not finish the page (its output is the test's)";
+  ASSERT_TRUE(pageFinished) << "chromium did not finish the page within 120 s";
 
   for (std::string_view path : {"/stop", "/start", "/start-tun"}) {
     EXPECT_TRUE(LogHasLine("Refused POST " + std::string(path) + ": Origin \"" + origin + "\""));
