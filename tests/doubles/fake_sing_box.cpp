@@ -3,6 +3,8 @@
 #include <windows.h>
 
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 
 std::string WideToUtf8(const std::wstring& text) {
   if (text.empty()) return {};
@@ -15,21 +17,12 @@ std::string WideToUtf8(const std::wstring& text) {
 }
 
 std::string ReadWholeFile(const std::wstring& path) {
-  std::string bytes;
-  if (FILE* file = _wfopen(path.c_str(), L"rb")) {
-    char chunk[4096];
-    std::size_t got = 0;
-    while ((got = std::fread(chunk, 1, sizeof(chunk), file)) > 0) bytes.append(chunk, got);
-    std::fclose(file);
-  }
-  return bytes;
+  std::ifstream in(std::filesystem::path(path), std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 void WriteWholeFile(const std::wstring& path, const std::string& bytes) {
-  if (FILE* file = _wfopen(path.c_str(), L"wb")) {
-    std::fwrite(bytes.data(), 1, bytes.size(), file);
-    std::fclose(file);
-  }
+  std::ofstream(std::filesystem::path(path), std::ios::binary) << bytes;
 }
 
 std::string DescribeInvocation() {
