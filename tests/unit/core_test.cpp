@@ -1,0 +1,145 @@
+// What the helper reads out of a configuration before it starts the core, and
+// how it reports a core that died.
+#include <gtest/gtest.h>
+
+#include "core/config_guard.h"
+#include "core/core_output.h"
+#include "core/mixed_port.h"
+
+namespace orvel {
+namespace {
+
+std::string Nested(std::size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); }
+
+// {"log":{"output":<path>}} with `path` given as JSON string content.
+std::string Output(std::string_view path) {
+  return R"({"log":{"output":")" + std::string(path) + R"("}})";
+}
+
+TEST(CheckServiceConfig, RefusesProgramsAndPathsOutsideTheDataDirectory) {
+  const std::string kTun =
+      R"({"log":{"level":"info","output":"box.log"},)"
+      R"("inbounds":[{"type":"tun","tag":"tun-in","address":["172.18.0.1/30"]}],)"
+      R"("outbounds":[{"type":"vless","tag":"hk","transport":{"type":"ws","path":"/ray"}},)"
+      R"({"type":"http","tag":"h","path":"/"},{"type":"direct","tag":"tor"}],)"
+      R"("dns":{"servers":[{"type":"https","path":"/dns-query"},{"type":"hosts","path":["hosts"]}]},)"
+      R"("route":{"rules":[{"process_path":["C:\\Program Files\\app.exe"],"outbound":"hk"}]},)"
+      R"("experimental":{"cache_file":{"enabled":true,"path":"cache\\cache.db"},)"
+      R"("clash_api":{"external_ui_download_url":"https://example.com/ui.zip","external_ui":"ui"}}})";
+  const std::string kDrive = " contains ':' (a drive, stream or device)";
+  const std::pair<std::string, std::vector<std::string>> cases[] = {
+      {"",
+       {kTun, R"({"inbounds":[{"type":"hysteria2","masquerade":"https://example.com"}]})",
+        R"({"services":[{"type":"api","dashboard":{"path":"dash","download_url":"https://x/d.zip"}}]})",
+        "// comment\n{/* \"executable_path\" */ \"log\": {\"output\": \"\"}}",
+        Output("logs/console.log"), Output("nullable/com10/lpt.txt"), Nested(kMaxConfigDepth)}},
+      {"outbounds[2].executable_path runs a program",
+       {R"({"outbounds":[{},{},{"executable_path":"tor.exe"}]})"}},
+      {"outbounds[0].executable_path runs a program",
+       {R"({"outbounds":[{"executable\u005fpath":"x"}]})"}},
+      {"OUTBOUNDS[0].Extra_Args runs a program", {R"({"OUTBOUNDS":[{"Extra_Args":[]}]})"}},
+      // Folded by the core's decoder to extra_args and mesh_psk_file.
+      {"outbounds[0].extra_arg\u017f runs a program",
+       {R"({"outbounds":[{"extra_arg\u017f":null}]})"}},
+      {"services[0].mesh_ps\u212a_file" + kDrive,
+       {R"({"services":[{"mesh_ps\u212a_file":"C:\\k"}]})"}},
+      {"endpoints[0].type is tor, which runs a program", {R"({"endpoints":[{"type":"TOR"}]})"}},
+      {"outbounds[0].torrc runs a program", {R"({"outbounds":[{"torrc":{}}],"x":{"command":1}})"}},
+      {"endpoints[0].csd.wrapper_path runs a program",
+       {R"({"endpoints":[{"csd":{"wrapper_path":"csd.bat"}}]})"}},
+      {"a?b.command runs a program", {R"({"a\u0001b":{"command":"calc"}})"}},
+      // Every occurrence counts, and comments do not hide a member.
+      {"log.output climbs out of the data directory with '..'",
+       {R"({"log":{"output":"ok.log","output":"..\\evil.log"}})", Output(R"(a\\..\\..\\x)")}},
+      {"log.output starts at the root of a drive",
+       {"{/* c */\"log\"://x\n{\"output\":\"/etc/passwd\"}}", Output(R"(\\Windows)")}},
+      {"log.output" + kDrive, {Output(R"(C:\\Windows\\evil.txt)"), Output("box.log:hidden")}},
+      {"log.output is a UNC or device path",
+       {Output(R"(\\\\?\\C:\\x)"), Output(R"(\\\\.\\pipe\\x)"), Output("//server/share/x")}},
+      {"log.output has an empty segment", {Output("a//b"), Output(R"(logs\\)")}},
+      {"log.output has a '.' segment", {Output(R"(.\\box.log)")}},
+      {"log.output has a segment ending in a dot or space",
+       {Output(R"(...\\x)"), Output("box.log ")}},
+      {"log.output contains '$' (the core expands environment variables)",
+       {Output(R"($SystemRoot\\x)")}},
+      {"log.output names a device",
+       {Output("CON"), Output("logs/nul.txt"), Output("aux .log"), Output("Com1"),
+        Output("lpt9.log"), Output("com\u00b9")}},
+      {"experimental.clash_api.external_ui" + kDrive,
+       {R"({"experimental":{"clash_api":{"external_ui":"C:\\"}}})"}},
+      {"experimental.clash_api.external_ui_download_url needs an external_ui inside the data "
+       "directory",
+       {R"({"experimental":{"clash_api":{"external_ui_download_url":""}}})"}},
+      {"services[0].dashboard.download_url needs a path inside the data directory",
+       {R"({"services":[{"dashboard":{"download_url":"https://x/d.zip"}}]})"}},
+      {"inbounds[0].masquerade serves files; only an http:// or https:// address is allowed",
+       {R"({"inbounds":[{"masquerade":"FILE:///C:/"}]})"}},
+      // `path` is a URL path only where every "type" says so; the first
+      // offending member in document order wins.
+      {"route.rule_set[0].path" + kDrive,
+       {R"({"route":{"rule_set":[{"type":"http","type":"local","path":"C:\\r.srs"}]}})"}},
+      {"a.path" + kDrive, {R"({"a":{"path":"C:\\x","output":"..\\y"}})"}},
+      {"dns.servers[0].path[1]" + kDrive,
+       {R"({"dns":{"servers":[{"type":"hosts","path":["hosts","C:\\hosts"]}]}})"}},
+      {"route.dhcp_lease_files[1] climbs out of the data directory with '..'",
+       {R"({"route":{"dhcp_lease_files":["leases","..\\dhcpd.leases"]}})"}},
+      {"not valid JSON", {"{", R"({"log":{},})", "{} x"}},
+      {"nested too deeply", {Nested(kMaxConfigDepth + 1), Nested(100000)}},
+  };
+  for (const auto& [expected, configs] : cases) {
+    for (const std::string& config : configs) {
+      std::string refusal;
+      EXPECT_EQ(CheckServiceConfig(config, refusal), expected.empty()) << config.substr(0, 200);
+      EXPECT_EQ(refusal, expected) << config.substr(0, 200);
+    }
+  }
+}
+
+TEST(SummarizeCoreOutput, FlattensBreaksAndTabsAndCutsAtTheLimit) {
+  const std::string x899(899, 'x');
+  const struct Case {
+    std::string text;
+    std::size_t limit;
+    std::string expected;
+  } cases[] = {
+      {"", 900, "<empty>"},
+      {"\r\n\t\n", 900, "<empty>"},  // leading breaks are dropped, nothing else is left
+      {"one\ntwo\nthree\n", 900, "one two three "},  // the trailing break stays as a space
+      {"a\r\n\r\n\tb", 900, "a b"},
+      {"  a  \t  b\t", 900, "  a    b "},  // spaces kept; the tab after a space adds none
+      {std::string("\x1b[31mnul\0b", 10), 900, std::string("\x1b[31mnul\0b", 10)},
+      {x899, 900, x899},
+      {x899 + "x", 900, x899 + "x..."},  // reaching the limit exactly already counts as cut
+      {std::string(8192, 'z'), 900, std::string(900, 'z') + "..."},
+      // The limit counts output bytes: collapsed breaks do not use it up.
+      {x899 + "\n\n\n\ny", 900, x899 + " ..."},
+      {"ab\n\n", 3, "ab ..."},
+      {"anything", 0, "a..."},
+  };
+  for (const Case& c : cases) EXPECT_EQ(SummarizeCoreOutput(c.text, c.limit), c.expected) << c.text;
+}
+
+TEST(FindMixedInboundPort, ReadsTheTaggedInboundPort) {
+  const std::pair<std::string_view, int> cases[] = {
+      {R"({"inbounds":[{"type":"mixed","tag": "orvel-vpn-mixed","listen_port": 2080}]})", 2080},
+      // The tag comes after another inbound's port: the tagged one wins.
+      {R"([{"listen_port":1111},{"tag":"orvel-vpn-mixed","listen_port":2222}])", 2222},
+      // Two spaces or a line break after the colon: tag not recognised, first port wins.
+      {R"([{"listen_port":1111},{"tag":  "orvel-vpn-mixed","listen_port":2222}])", 1111},
+      // Tagged inbound without a port: the next object's port is taken.
+      {R"([{"tag":"orvel-vpn-mixed"},{"listen_port":3333}])", 3333},
+      {R"({"tag":"orvel-vpn-mixed","listen_port" : 02080})", 2080},
+      {R"({"listen_port":65535})", 65535},
+      {R"({"listen_port":0})", 7897},
+      {R"({"listen_port":65536})", 7897},
+      {R"({"listen_port":99999999999999999999})", 7897},
+      {R"({"listen_port":"2080"})", 7897},
+      {R"({"listen_port":)", 7897},
+      {R"({"listen_port"})", 7897},
+      {"", 7897},
+  };
+  for (const auto& [config, port] : cases) EXPECT_EQ(FindMixedInboundPort(config), port) << config;
+}
+
+}  // namespace
+}  // namespace orvel
