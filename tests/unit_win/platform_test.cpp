@@ -1,0 +1,158 @@
+// Platform pieces that need Windows but no running helper: the pipe drain and
+// the data files of core management, the controller client's own ends, and
+// the socket owner tables and process names. The system proxy cycle, the
+// registry types and the controller's answers are the end-to-end tests'.
+//
+// Under Wine the socket tables are the Linux host's, and a row may carry
+// owning pid 0 where Wine does not map the host socket to a Windows process
+// (TCP rows here); on Windows the owner must be this process.
+#include <gtest/gtest.h>
+#include <ws2tcpip.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <thread>
+
+#include "core/core_process_win.h"
+#include "core/data_files.h"
+#include "support/harness.h"
+#include "traffic/core_stats_client.h"
+#include "traffic/socket_tables.h"
+
+namespace orvel {
+namespace {
+
+// `text` of `family` with `port` into `address`, which holds either family
+// (the port sits at the same place); the length used.
+int Address(int family, const char* text, std::uint16_t port, sockaddr_in6& address) {
+  int length = sizeof(address);
+  WSAStringToAddressA(const_cast<char*>(text), family, nullptr,
+                      reinterpret_cast<sockaddr*>(&address), &length);
+  address.sin6_port = htons(port);
+  return length;
+}
+
+// A new socket in `own` bound to `address` port 0; the port chosen, 0 on
+// failure.
+std::uint16_t Bound(std::vector<SOCKET>& own, int family, int type, const char* address) {
+  own.push_back(socket(family, type, 0));
+  const DWORD off = 0;  // an IPv6 socket takes IPv4 too
+  setsockopt(own.back(), IPPROTO_IPV6, IPV6_V6ONLY, reinterpret_cast<const char*>(&off), 4);
+  sockaddr_in6 storage{};
+  int length = Address(family, address, 0, storage);
+  auto* any = reinterpret_cast<sockaddr*>(&storage);
+  if (bind(own.back(), any, length) != 0 || getsockname(own.back(), any, &length) != 0) return 0;
+  return ntohs(storage.sin6_port);
+}
+
+// More than a dying core's first lines ever need: the drain stops at the
+// chunk that passes 4 KiB.
+TEST(DrainPipeOutput, StopsAtTheChunkPastFourKiB) {
+  std::string text;
+  for (int i = 0; i < 12000; ++i) text += static_cast<char>('a' + i % 26);
+  HANDLE read = nullptr, write = nullptr;
+  ASSERT_TRUE(CreatePipe(&read, &write, nullptr, 65536));
+  DWORD written = 0;
+  WriteFile(write, text.data(), text.size(), &written, nullptr);
+  CloseHandle(write);
+  EXPECT_EQ(DrainPipeOutput(read), text.substr(0, 8192));
+  CloseHandle(read);
+}
+
+// The helper's data folder sits one level below an existing one; here every
+// level is missing, and a shorter file replaces a longer one whole.
+TEST(DataFiles, CreatesEveryMissingFolderAndReplacesWholeFiles) {
+  const std::wstring root = std::filesystem::temp_directory_path().wstring() + L"orvel-data";
+  std::filesystem::remove_all(root);
+  std::string message;
+  EXPECT_TRUE(CreateDirectoryTree(root + L"\\a/b", message)) << message;
+  for (const std::string& bytes : {std::string(40, 'a'), std::string("{}\r\n\0\xFF", 6)}) {
+    ASSERT_TRUE(WriteWholeFile(root + L"\\a\\b\\f", bytes));
+    EXPECT_EQ(test::ReadFileBytes(root + L"\\a\\b\\f"), bytes);
+  }
+  std::filesystem::remove_all(root);
+}
+
+// The two ends the core's controller double does not drive: a server that
+// closes an answer with no length, and an answer that never completes.
+TEST(LocalHttpGet, SendsOneGetAndReadsUntilTheCloseOrTheCap) {
+  const std::pair<std::string, std::size_t> cases[] = {
+      // Sent, then the server closes; the bytes kept.
+      {"HTTP/1.1 200 OK\r\n\r\nno length", 28},
+      // Checked before each receive: at most one chunk lies beyond the cap.
+      {std::string(kCoreResponseCapBytes + 300000, 'x'), kCoreResponseCapBytes},
+  };
+  test::EnsureWinsock();
+  for (const auto& [sent, kept] : cases) {
+    std::vector<SOCKET> listener;
+    const std::uint16_t port = Bound(listener, AF_INET, SOCK_STREAM, "127.0.0.1");
+    listen(listener[0], 1);
+    std::string request;
+    std::thread server([&] {
+      SOCKET client = accept(listener[0], nullptr, nullptr);
+      char chunk[4096];  // the request is one small send
+      request.assign(chunk, std::max(recv(client, chunk, sizeof(chunk), 0), 0));
+      test::SendAll(client, sent);
+      closesocket(client);
+    });
+    std::string response;
+    EXPECT_TRUE(LocalHttpGet(port, "/traffic", 20000, response));
+    server.join();
+    closesocket(listener[0]);
+    EXPECT_EQ(request, "GET /traffic HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n");
+    EXPECT_EQ(response, sent.substr(0, response.size()));
+    EXPECT_EQ(std::min(response.size(), kCoreResponseCapBytes), kept);
+    EXPECT_LT(response.size(), kCoreResponseCapBytes + kCoreReceiveChunkBytes);
+  }
+}
+
+TEST(SocketTables, EachScanGivesOurEndpointWithItsOwner) {
+  test::EnsureWinsock();
+  const bool wine = GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
+  std::vector<SOCKET> own;
+  // Other loopback addresses than 127.0.0.1: they must come through the scans.
+  const std::uint16_t udp4 = Bound(own, AF_INET, SOCK_DGRAM, "127.0.0.2");
+  const std::uint16_t udp6 = Bound(own, AF_INET6, SOCK_DGRAM, "::1");
+  // An IPv4 client of a listener that takes both families: the client's row
+  // is in the IPv4 table, the accepted end's in the IPv6 one.
+  const std::uint16_t server = Bound(own, AF_INET6, SOCK_STREAM, "::");
+  const SOCKET listener = own.back();
+  listen(listener, 1);
+  const std::uint16_t client = Bound(own, AF_INET, SOCK_STREAM, "127.0.0.3");
+  sockaddr_in6 peer{};
+  connect(own.back(), reinterpret_cast<sockaddr*>(&peer),
+          Address(AF_INET, "127.0.0.3", server, peer));
+  own.push_back(accept(listener, nullptr, nullptr));
+  const struct {
+    void (*scan)(const ObservationSink&);
+    std::string protocol, address;
+    std::uint16_t port;
+  } cases[] = {
+      // Wine binds a UDP socket meant for one IPv4 address to the wildcard
+      // address on the host (to get broadcasts as on Windows), and the
+      // host's table shows that.
+      {&ScanUdp4, "UDP", wine ? "0.0.0.0" : "127.0.0.2", udp4},
+      {&ScanUdp6, "UDP", "::1", udp6},
+      {&ScanTcp4, "TCP", "127.0.0.3", server},  // a TCP row names the peer
+      {&ScanTcp6, "TCP", "::ffff:127.0.0.3", client},
+  };
+  for (const auto& c : cases) {
+    if (c.port == 0) GTEST_SKIP() << c.address << " cannot be bound here";
+    int found = 0;
+    c.scan([&](const SocketObservation& o) {
+      if (o.protocol != c.protocol || o.address != c.address || o.port != c.port) return;
+      found += o.pid == GetCurrentProcessId() || (wine && o.pid == 0);
+    });
+    EXPECT_EQ(found, 1) << c.address << " port " << c.port;
+  }
+  for (SOCKET s : own) closesocket(s);
+}
+
+TEST(ProcessNameForPid, FileNameOrThePidForm) {
+  EXPECT_EQ(ProcessNameForPid(GetCurrentProcessId()), "orvel_win_unit_tests.exe");
+  // Process ids are multiples of four and this one is far beyond any in use.
+  EXPECT_EQ(ProcessNameForPid(0x7FFFFFFC), "pid-2147483644");
+}
+
+}  // namespace
+}  // namespace orvel
