@@ -307,8 +307,9 @@ TEST_F(Helper, StopPutsBackExactlyWhatTheUserHad) {
   // With nothing saved a stop still answers and logs, and touches nothing.
   ResetTestRecords();
   WriteProxyValues(kUserProxy);
+  const std::size_t mark = Logs().size();
   EXPECT_EQ(Post("/stop"), kDisconnected);
-  EXPECT_TRUE(LogHasLine("VPN stopped through OrvelVpnHelper"));
+  EXPECT_NE(Logs().find("] VPN stopped through OrvelVpnHelper\r\n", mark), std::string::npos);
   EXPECT_EQ(ReadProxyValues(), kUserProxy);
   EXPECT_EQ(ReadWininetCalls(), "");
 }
