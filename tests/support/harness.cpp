@@ -413,9 +413,14 @@ bool ScopedHelper::Start(const HelperOptions& options) {
   STARTUPINFOW startup{};
   startup.cb = sizeof(startup);
   std::wstring commandLine = L"\"" + ExePath() + L"\"";
-  const BOOL created =
-      CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, CREATE_SUSPENDED,
-                     nullptr, directory.c_str(), &startup, &process);
+  // Wine has been seen to fail a start once with ERROR_INTERNAL_ERROR right
+  // after another test's processes ended; a second try succeeds.
+  BOOL created = FALSE;
+  for (int attempt = 0; attempt < 3 && !created; ++attempt) {
+    if (attempt > 0) std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    created = CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, CREATE_SUSPENDED,
+                             nullptr, directory.c_str(), &startup, &process);
+  }
   SetEnvironmentVariableW(L"PATH", oldPath);
   if (!created) {
     error = "CreateProcessW of the helper failed: " + std::to_string(GetLastError());
