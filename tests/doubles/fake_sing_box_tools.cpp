@@ -8,21 +8,13 @@
 //   exit-N     a FATAL line on stderr like a failed fetch, exit N
 //   hang       never ends by itself (only termination ends it)
 //   flood-N    write N bytes to stdout (more than a pipe holds blocks), then exit 0
-//   gather-N   first wait (up to 5 s) until N fetches have run at the same moment
 //   (none)     answer at once, exit 0
 //
 // Every fetch leaves a record for the tests in C:\OrvelTest\fetch\<pid>-<k>.txt
-// ("key=value" lines: pid, startTick, runningAtStart, tag, url, config, the
+// ("key=value" lines: pid, startTick, tag, url, config, the
 // invocation as DescribeInvocation gives it, then configText= and the
 // configuration's bytes to the end of the file).
 //
-// runningAtStart counts the fetches running at once, this one included, in a
-// named shared memory block that lives while any fetch runs: a fetch adds one
-// at its start and takes it off when it ends by itself. A terminated fetch
-// cannot take it off, so the count is exact only for fetches that all end by
-// themselves; the block is gone, and the count starts from 0 again, once no
-// fetch runs.
-
 #include <windows.h>
 
 #include <cstdlib>
@@ -46,30 +38,6 @@ long TokenValue(const std::wstring& tag, const std::wstring& token) {
   const std::size_t at = tag.find(token);
   if (at == std::wstring::npos) return -1;
   return std::wcstol(tag.c_str() + at + token.size(), nullptr, 10);
-}
-
-struct RunningCounters {
-  volatile LONG running;
-  volatile LONG most;  // only grows while the block lives
-};
-
-RunningCounters* OpenRunningCounters() {
-  HANDLE mapping = CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
-                                      sizeof(RunningCounters), L"Local\\OrvelTestFetchCounters");
-  if (mapping == nullptr) return nullptr;
-  // The mapping handle stays open for the life of the process on purpose.
-  return static_cast<RunningCounters*>(
-      MapViewOfFile(mapping, FILE_MAP_ALL_ACCESS, 0, 0, sizeof(RunningCounters)));
-}
-
-LONG EnterRunning(RunningCounters* counters) {
-  const LONG now = InterlockedIncrement(&counters->running);
-  for (LONG most = counters->most; most < now;) {
-    const LONG seen = InterlockedCompareExchange(&counters->most, now, most);
-    if (seen == most) break;
-    most = seen;
-  }
-  return now;
 }
 
 // A fresh file per fetch: process ids are reused, so a counter decides.
@@ -100,23 +68,14 @@ int RunToolsMode(const std::vector<std::wstring>& args) {
   const std::wstring tag = ArgumentAfter(args, L"-o");
   const std::wstring url = ArgumentAfter(args, L"fetch");
 
-  RunningCounters* counters = OpenRunningCounters();
-  const LONG runningAtStart = counters != nullptr ? EnterRunning(counters) : 0;
   std::string record = "pid=" + std::to_string(GetCurrentProcessId()) + "\n";
   record += "startTick=" + std::to_string(GetTickCount64()) + "\n";
-  record += "runningAtStart=" + std::to_string(runningAtStart) + "\n";
   record += "tag=" + WideToUtf8(tag) + "\nurl=" + WideToUtf8(url) + "\n";
   record += "config=" + WideToUtf8(configPath) + "\n";
   record += DescribeInvocation();
   record += "configText=" + ReadWholeFile(configPath);
   WriteRecord(record);
 
-  const long gather = TokenValue(tag, L"gather-");
-  for (int waited = 0;
-       counters != nullptr && gather > 0 && counters->most < gather && waited < 5000;
-       waited += 10) {
-    Sleep(10);
-  }
   if (tag.find(L"hang") != std::wstring::npos) {
     for (;;) Sleep(INFINITE);
   }
@@ -135,7 +94,5 @@ int RunToolsMode(const std::vector<std::wstring>& args) {
   } else {
     WriteOut(STD_OUTPUT_HANDLE, "<html>ok</html>\n");
   }
-  // Taken off before the helper can see this process end.
-  if (counters != nullptr) InterlockedDecrement(&counters->running);
   return exitCode;
 }
