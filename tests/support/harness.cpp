@@ -390,12 +390,10 @@ bool ScopedHelper::Start(const HelperOptions& options) {
   directory = BinDirectory() + L"\\e2e-work\\" + fs::path(self).stem().wstring();
   std::error_code ec;
   fs::remove_all(directory, ec);
-  const std::wstring coreFolder =
-      options.core == CorePlacement::kDataSubfolder ? directory + L"\\data" : directory;
-  fs::create_directories(coreFolder);
+  fs::create_directories(directory);
   fs::copy_file(BinDirectory() + L"\\OrvelVpnHelper.exe", ExePath());
-  if (options.core != CorePlacement::kNone) {
-    fs::copy_file(DoublesDirectory() + L"\\sing-box.exe", coreFolder + L"\\sing-box.exe");
+  if (options.core == CorePlacement::kBesideExe) {
+    fs::copy_file(DoublesDirectory() + L"\\sing-box.exe", directory + L"\\sing-box.exe");
   }
   if (!options.keepDataDirectory) fs::remove_all(HelperDataDirectory(), ec);
   fs::create_directories(RecordPath(L""), ec);

@@ -106,7 +106,7 @@ std::vector<FetchRecord> WaitForFetchRecords(std::size_t count, unsigned timeout
 std::vector<std::wstring> UrlTestConfigFiles();
 
 // --- The helper ---------------------------------------------------------------
-enum class CorePlacement { kNone, kBesideExe, kDataSubfolder };
+enum class CorePlacement { kNone, kBesideExe };
 struct HelperOptions {
   CorePlacement core = CorePlacement::kBesideExe;
   std::wstring extraPath;          // put before PATH for the helper
