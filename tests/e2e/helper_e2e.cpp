@@ -98,6 +98,43 @@ void ExpectCoreVariables(const std::map<std::string, std::string>& record) {
   }
 }
 
+// Runs `exePath arguments` and waits up to 30 s: its exit code (0xFFFFFFFF
+// when it did not start), stdout and stderr. With `interruptAfterFetches`,
+// presses Ctrl-C once that many test processes have started: the program runs
+// in a process group of its own on this process's console, the way a
+// person's Ctrl-C reaches it.
+auto RunProgram(const std::wstring& exePath, const std::wstring& arguments,
+                std::size_t interruptAfterFetches = 0) {
+  SECURITY_ATTRIBUTES inheritable{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
+  const auto create = [&](const wchar_t* name) {
+    return CreateFileW((BinDirectory() + name).c_str(), GENERIC_WRITE, FILE_SHARE_READ,
+                       &inheritable, CREATE_ALWAYS, 0, nullptr);
+  };
+  STARTUPINFOW startup{};
+  startup.cb = sizeof(startup);
+  startup.dwFlags = STARTF_USESTDHANDLES;
+  startup.hStdOutput = create(L"\\run-out.txt");
+  startup.hStdError = create(L"\\run-err.txt");
+  std::wstring commandLine = L"\"" + exePath + L"\" " + arguments;
+  PROCESS_INFORMATION info{};
+  DWORD exitCode = 0xFFFFFFFF;
+  if (CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, CREATE_NEW_PROCESS_GROUP,
+                     nullptr, nullptr, &startup, &info)) {
+    // Wine delivers Ctrl-C to a named group (Ctrl-Break ends the thread
+    // instead of calling the handler), and Windows does for a group that
+    // has taken Ctrl-C back, as orvelctl does.
+    if (interruptAfterFetches > 0 && WaitForFetchRecords(interruptAfterFetches, 15000).size() > 0)
+      GenerateConsoleCtrlEvent(CTRL_C_EVENT, info.dwProcessId);
+    if (WaitForSingleObject(info.hProcess, 30000) != WAIT_OBJECT_0)
+      TerminateProcess(info.hProcess, 99);
+    GetExitCodeProcess(info.hProcess, &exitCode);
+  }
+  for (HANDLE handle : {startup.hStdOutput, startup.hStdError, info.hProcess, info.hThread})
+    CloseHandle(handle);
+  return std::tuple{exitCode, ReadFileBytes(BinDirectory() + L"\\run-out.txt"),
+                    ReadFileBytes(BinDirectory() + L"\\run-err.txt")};
+}
+
 const std::string kEmptyAnswer = OkAnswer("application/x-ndjson", "");
 const std::string kCanceled = OkAnswer("application/json", "{\"status\":\"canceled\"}");
 const std::string kIgnored = OkAnswer("application/json", "{\"status\":\"ignored\"}");
@@ -221,7 +258,7 @@ TEST_F(Helper, FramingAndRoutesGiveExactAnswers) {
   EXPECT_EQ(logs.body.substr(0, 1), "[");
   EXPECT_TRUE(LogHasLine("OrvelVpnHelper started")) << logs.body;
   // A second instance ends at once and the first keeps serving.
-  EXPECT_EQ(RunAndWait(helper.ExePath(), L"", 30000), 0u);
+  EXPECT_EQ(std::get<0>(RunProgram(helper.ExePath(), L"")), 0u);
   EXPECT_EQ(ExchangeRaw("GET /ping HTTP/1.1\r\n\r\n"), kPong);
 }
 
@@ -788,9 +825,9 @@ TEST_F(Helper, ServiceIsInstalledRunsTheCoreAndRefusesUnsafeConfigurations) {
   EXPECT_EQ(Post("/start-tun", tor), kTunConnected);
   // Beside a running helper: "--install" alone is not the switch (the second
   // stand-alone instance ends at once), and installer mode takes no mutex.
-  EXPECT_EQ(RunAndWait(helper.ExePath(), L"--install", 30000), 0u);
+  EXPECT_EQ(std::get<0>(RunProgram(helper.ExePath(), L"--install")), 0u);
   EXPECT_EQ(OpenOurService(), nullptr);
-  ASSERT_EQ(RunAndWait(helper.ExePath(), L"xx--install-serviceyy and more words", 30000), 0u);
+  ASSERT_EQ(std::get<0>(RunProgram(helper.ExePath(), L"xx--install-serviceyy and more words")), 0u);
   ASSERT_NE(OpenOurService(), nullptr);
   // Installing again from another folder moves the registration there, and
   // installer mode starts no server of its own.
@@ -798,7 +835,7 @@ TEST_F(Helper, ServiceIsInstalledRunsTheCoreAndRefusesUnsafeConfigurations) {
   const std::wstring moved = helper.directory + L"\\moved\\OrvelVpnHelper.exe";
   CreateDirectoryW((helper.directory + L"\\moved").c_str(), nullptr);
   ASSERT_TRUE(CopyFileW(helper.ExePath().c_str(), moved.c_str(), FALSE));
-  ASSERT_EQ(RunAndWait(moved, L"before --install-service", 30000), 0u);
+  ASSERT_EQ(std::get<0>(RunProgram(moved, L"before --install-service")), 0u);
   EXPECT_FALSE(Pong());
   const ScHandle service = OpenOurService();
   std::vector<unsigned char> buffer(8192);
@@ -826,7 +863,7 @@ TEST_F(Helper, ServiceIsInstalledRunsTheCoreAndRefusesUnsafeConfigurations) {
   // Installed again from the folder with the core double.
   const ProxyValues user{Dword(0), Text(L"user-proxy:8080"), Text(L"*.corp")};
   WriteProxyValues(user);
-  ASSERT_EQ(RunAndWait(helper.ExePath(), L"--install-service", 30000), 0u);
+  ASSERT_EQ(std::get<0>(RunProgram(helper.ExePath(), L"--install-service")), 0u);
   const SERVICE_STATUS running = StartThroughScm();
   ASSERT_EQ(running.dwCurrentState, DWORD{SERVICE_RUNNING});
   EXPECT_EQ(running.dwControlsAccepted, DWORD{SERVICE_ACCEPT_STOP});
@@ -948,41 +985,6 @@ TEST_F(Helper, WebPageInARealBrowserChangesNothing) {
 // What each command prints and its exit code, a whole URL test, and Ctrl-C
 // during one.
 
-// Runs orvelctl.exe with `arguments`: its exit code, stdout and stderr. With
-// `interruptAfterFetches`, presses Ctrl-C once that many test processes have
-// started: the program runs in a process group of its own on this process's
-// private console, the way a person's Ctrl-C reaches it.
-auto RunOrvelctl(const std::wstring& arguments, std::size_t interruptAfterFetches = 0) {
-  SECURITY_ATTRIBUTES inheritable{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
-  const auto create = [&](const wchar_t* name) {
-    return CreateFileW((BinDirectory() + name).c_str(), GENERIC_WRITE, FILE_SHARE_READ,
-                       &inheritable, CREATE_ALWAYS, 0, nullptr);
-  };
-  STARTUPINFOW startup{};
-  startup.cb = sizeof(startup);
-  startup.dwFlags = STARTF_USESTDHANDLES;
-  startup.hStdOutput = create(L"\\orvelctl-out.txt");
-  startup.hStdError = create(L"\\orvelctl-err.txt");
-  std::wstring commandLine = L"\"" + BinDirectory() + L"\\orvelctl.exe\" " + arguments;
-  PROCESS_INFORMATION info{};
-  DWORD exitCode = 0xFFFFFFFF;
-  if (CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, CREATE_NEW_PROCESS_GROUP,
-                     nullptr, nullptr, &startup, &info)) {
-    // Wine delivers Ctrl-C to a named group (Ctrl-Break ends the thread
-    // instead of calling the handler), and Windows does for a group that
-    // has taken Ctrl-C back, as orvelctl does.
-    if (interruptAfterFetches > 0 && WaitForFetchRecords(interruptAfterFetches, 15000).size() > 0)
-      GenerateConsoleCtrlEvent(CTRL_C_EVENT, info.dwProcessId);
-    if (WaitForSingleObject(info.hProcess, 30000) != WAIT_OBJECT_0)
-      TerminateProcess(info.hProcess, 99);
-    GetExitCodeProcess(info.hProcess, &exitCode);
-  }
-  for (HANDLE handle : {startup.hStdOutput, startup.hStdError, info.hProcess, info.hThread})
-    CloseHandle(handle);
-  return std::tuple{exitCode, ReadFileBytes(BinDirectory() + L"\\orvelctl-out.txt"),
-                    ReadFileBytes(BinDirectory() + L"\\orvelctl-err.txt")};
-}
-
 // True when `text` is `pattern` with each '*' standing for any run of bytes.
 bool Matches(std::string_view text, std::string_view pattern) {
   const std::size_t star = pattern.find('*');
@@ -1044,7 +1046,7 @@ TEST_F(Helper, OrvelctlPrintsTheHelpersAnswersWithItsExitCodesAndCancelsOnCtrlC)
       {L"logs", 0, "*] OrvelVpnHelper started\r\n*", ""},
   };
   for (const auto& [arguments, wantedCode, wantedOut, wantedErr] : steps) {
-    const auto [exitCode, out, err] = RunOrvelctl(arguments);
+    const auto [exitCode, out, err] = RunProgram(BinDirectory() + L"\\orvelctl.exe", arguments);
     EXPECT_TRUE(exitCode == wantedCode && Matches(out, wantedOut) && Matches(err, wantedErr))
         << ToUtf8(arguments) << " -> " << exitCode << "\n"
         << out << err;
@@ -1062,7 +1064,8 @@ TEST_F(Helper, OrvelctlPrintsTheHelpersAnswersWithItsExitCodesAndCancelsOnCtrlC)
   // The quick nodes' results arrive while the hanging ones are started.
   std::wstring tags = L" --tag a-delay-1 --tag b-delay-1";
   for (int i = 1; i <= 12; ++i) tags += L" --tag " + std::to_wstring(i) + L"-hang";
-  const auto [exitCode, out, err] = RunOrvelctl(L"urltest config.json" + tags, 14);
+  const auto [exitCode, out, err] =
+      RunProgram(BinDirectory() + L"\\orvelctl.exe", L"urltest config.json" + tags, 14);
   EXPECT_EQ(exitCode, 130u);
   EXPECT_EQ(CountProcessesNamed(L"sing-box.exe"), 0);
   // What arrived is printed as a table and counted in the message (on a

@@ -556,26 +556,4 @@ inline bool ScopedHelper::Running() const {
   return process.hProcess != nullptr && WaitForSingleObject(process.hProcess, 0) == WAIT_TIMEOUT;
 }
 
-// Runs `exePath arguments` and waits; its exit code, or 0xFFFFFFFF.
-inline DWORD RunAndWait(const std::wstring& exePath, const std::wstring& arguments,
-                        DWORD timeoutMs) {
-  STARTUPINFOW startup{};
-  startup.cb = sizeof(startup);
-  PROCESS_INFORMATION info{};
-  std::wstring commandLine = L"\"" + exePath + L"\"" + (arguments.empty() ? L"" : L" " + arguments);
-  if (!CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                      &startup, &info)) {
-    return 0xFFFFFFFF;
-  }
-  DWORD code = 0xFFFFFFFF;
-  if (WaitForSingleObject(info.hProcess, timeoutMs) == WAIT_OBJECT_0) {
-    GetExitCodeProcess(info.hProcess, &code);
-  } else {
-    TerminateProcess(info.hProcess, 1);
-  }
-  CloseHandle(info.hProcess);
-  CloseHandle(info.hThread);
-  return code;
-}
-
 }  // namespace orvel::test
