@@ -8,39 +8,32 @@
 #include "orvelctl/console_text.h"
 #include "urltest/urltest_body.h"
 
-namespace orvel {
-namespace {
-
-using namespace client;
-using namespace orvelctl;
-
-// "status body" of a whole answer, or "refused".
-std::string Answer(std::string_view raw) {
-  HttpAnswer answer;
-  if (!ReadWholeAnswer(raw, answer)) return "refused";
-  return std::to_string(answer.status) + " " + answer.body;
-}
+using namespace orvel;
+using namespace orvel::client;
+using namespace orvel::orvelctl;
 
 TEST(ReadWholeAnswer, TakesTheHelpersAnswersAndRefusesOthers) {
-  const std::pair<std::string_view, std::string_view> cases[] = {
-      {"HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 4\r\n"
-       "Connection: close\r\n\r\npongEXTRA",
-       "200 pong"},
-      {"HTTP/1.1 403 Forbidden\r\ncontent-length:9 \r\n\r\nforbidden", "403 forbidden"},
-      // The URL test stream has no length: the body runs to the close.
-      {"HTTP/1.1 200 OK\r\nContent-Type: application/x-ndjson\r\n\r\n{\"a\":1}\n",
-       "200 {\"a\":1}\n"},
-      {"HTTP/1.0 404\r\n\r\n", "404 "},
-      {"HTTP/1.1 200 OK\r\nContent-Length: 000000000000000002\r\n\r\nok", "200 ok"},  // 18 digits
-      {"HTTP/1.1 200 OK\r\nContent-Length: 0000000000000000002\r\n\r\nok", "refused"},
-      {"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\npong", "refused"},  // cut short
-      {"HTTP/1.1 200 OK\r\nContent-Length: 4\r\n", "refused"},          // no blank line
-      {"HTTP/1.1 200 OK\r\nContent-Length: +4\r\n\r\npong", "refused"},
-      {"HTTP/1.1 200 OK\r\nNoColon\r\n\r\n", "refused"},
-      {"HTTP/1.1 2x0 OK\r\n\r\n", "refused"},
-      {"HTTP/2 200 OK\r\n\r\n", "refused"},
-  };
-  for (const auto& [raw, read] : cases) EXPECT_EQ(Answer(raw), read) << raw;
+  // Read as "status body|", or "refused|". The URL test stream has no length:
+  // its body runs to the close. A length has at most 18 digits.
+  std::string read;
+  for (std::string_view raw :
+       {"HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 4\r\n"
+        "Connection: close\r\n\r\npongEXTRA",
+        "HTTP/1.1 403 Forbidden\r\ncontent-length:9 \r\n\r\nforbidden",
+        "HTTP/1.1 200 OK\r\nContent-Type: application/x-ndjson\r\n\r\n{\"a\":1}\n",
+        "HTTP/1.0 404\r\n\r\n", "HTTP/1.1 200 OK\r\nContent-Length: 000000000000000002\r\n\r\nok",
+        "HTTP/1.1 200 OK\r\nContent-Length: 0000000000000000002\r\n\r\nok",
+        "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\npong",
+        "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n",
+        "HTTP/1.1 200 OK\r\nContent-Length: +4\r\n\r\npong", "HTTP/1.1 200 OK\r\nNoColon\r\n\r\n",
+        "HTTP/1.1 2x0 OK\r\n\r\n", "HTTP/2 200 OK\r\n\r\n"}) {
+    HttpAnswer answer;
+    read += ReadWholeAnswer(raw, answer) ? std::to_string(answer.status) + " " + answer.body + "|"
+                                         : "refused|";
+  }
+  EXPECT_EQ(read,
+            "200 pong|403 forbidden|200 {\"a\":1}\n|404 |200 ok|refused|refused|refused|refused|"
+            "refused|refused|refused|");
   HttpAnswer answer;
   std::size_t headBytes = 0;
   EXPECT_EQ(ReadAnswerHead(std::string(kMaxAnswerHeadBytes, 'x'), answer, headBytes),
@@ -58,9 +51,8 @@ TEST(BuildHttpRequest, SendsHostAndLength) {
             "GET / HTTP/1.1\r\nHost: localhost:17891\r\nUser-Agent: orvelctl\r\n"
             "Connection: close\r\n\r\n");
   for (std::string_view bad :
-       {"127.0.0.1", "127.0.0.1:0", "127.0.0.1:65536", "::1:80", ":80", "[::1]x:80", "h:8o"}) {
+       {"127.0.0.1", "127.0.0.1:0", "127.0.0.1:65536", "::1:80", ":80", "[::1]x:80", "h:8o"})
     EXPECT_FALSE(ParseAddress(bad, address, error)) << bad;
-  }
   ASSERT_TRUE(ParseAddress("[::1]:65535", address, error));
   EXPECT_EQ(address.host + " " + std::to_string(address.port), "::1 65535");
 }
@@ -82,9 +74,8 @@ TEST(AnswerText, ReadsTheHelpersShapesWithAnyBytesInStrings) {
   EXPECT_EQ(result.nodeTag + std::to_string(result.delayMs), "\xE6\x9D\xB1\xE4\xBA\xAC\"\t-5");
   for (std::string_view line :
        {R"({"nodeTag":"x","delayMs":})", R"({"nodeTag":"x","delayMs":5)",
-        R"({"nodeTag":"x\q","delayMs":5})", R"({"delayMs":5,"nodeTag":"x"})"}) {
+        R"({"nodeTag":"x\q","delayMs":5})", R"({"delayMs":5,"nodeTag":"x"})"})
     EXPECT_FALSE(ParseUrlTestResultLine(line, result)) << line;
-  }
 }
 
 TEST(FeedLines, SameLinesWhateverTheChunks) {
@@ -122,56 +113,46 @@ TEST(UrlTestRequest, BodyReadsBackAndTagsComeFromProxyOutbounds) {
             ConfigCheck::kGood);
   EXPECT_EQ(tags, (std::vector<std::string>{"hk", "jp"}));
   for (std::string_view config :
-       {R"({"outbounds":[{"type":"direct","tag":"direct"}]})", R"({"inbounds":[]})", "[1,2]"}) {
+       {R"({"outbounds":[{"type":"direct","tag":"direct"}]})", R"({"inbounds":[]})", "[1,2]"})
     EXPECT_EQ(ListProxyOutboundTags(config, tags, error), ConfigCheck::kNoProxyOutbounds);
-  }
   EXPECT_EQ(ListProxyOutboundTags(R"({"outbounds":[})", tags, error), ConfigCheck::kNotJson);
   // The parser's own words, without its bracketed code.
   EXPECT_TRUE(error.starts_with("parse error at line 1, column 15: ")) << error;
 }
 
-TEST(FormatBytes, BinaryUnitsRoundedDown) {
-  const std::int64_t sizes[] = {0,       1023,  1024,      1535,     1024 * 1024 - 1,
-                                5767168, -2048, INT64_MAX, INT64_MIN};
+TEST(ConsoleText, FormatsBytesNodesAndNewLogLines) {
   std::string shown;
-  for (std::int64_t bytes : sizes) shown += FormatBytes(bytes) + "|";
+  for (std::int64_t bytes : std::initializer_list<std::int64_t>{
+           0, 1023, 1024, 1535, 1024 * 1024 - 1, 5767168, -2048, INT64_MAX, INT64_MIN})
+    shown += FormatBytes(bytes) + "|";
+  // Binary units rounded down.
   EXPECT_EQ(shown, "0 B|1023 B|1.0 KiB|1.4 KiB|1023.9 KiB|5.5 MiB|-2.0 KiB|7.9 EiB|-8.0 EiB|");
   EXPECT_EQ(FormatRate(2048), "2.0 KiB/s");
   EXPECT_EQ(Sparkline({0, 7, 14, 3}), "▁▅█▃");  // a small rate still shows above zero
-}
-
-TEST(FormatUrlTestTable, SortsByDelayWithFailuresLast) {
+  // Sorted by delay, failures last.
   const std::vector<UrlTestResult> results = {{"b", 300}, {"dead", 0}, {"東京", 120}, {"a", 300}};
   EXPECT_EQ(FormatUrlTestProgress(results, 5), "4/5 done, 1 failed, fastest 東京 (120 ms)");
   EXPECT_EQ(FormatUrlTestTable(results, 5),
             " #  node  delay\n 1  東京    120 ms\n 2  a     300 ms\n 3  b     300 ms\n"
             " 4  dead  failed\n4 of 5 nodes reported, 1 failed\n");
-}
-
-TEST(NewLogText, EachLinePrintedOnceAsTheRingDropsOldBytes) {
-  const std::string full = std::string(kHelperLogCapacity - 6, 'x') + "\r\nL1\r\n";
-  const struct Case {
-    std::string previous, current;
-    std::string_view added;
-  } cases[] = {
-      {"", "A\r\nB\r\n", "A\r\nB\r\n"},
-      {"A\r\nB\r\n", "A\r\nB\r\n", ""},
-      {"A\r\nB\r\n", "\r\nB\r\nC\r\n", "C\r\n"},  // the front was dropped
-      {"A\r\nA\r\n", "A\r\nA\r\nA\r\n", "A\r\n"},
-      // Nothing in common and the ring is full: it starts inside a line.
-      {"old\r\n", full, "L1\r\n"},
-  };
-  for (const Case& c : cases) EXPECT_EQ(NewLogText(c.previous, c.current), c.added) << c.current;
-}
-
-TEST(ParseSnapshot, NeedsTheProcessesArray) {
   const std::string figures =
       R"({"uploadBytesPerSecond":1,"downloadBytesPerSecond":2,"uploadTotalBytes":3,)"
       R"("downloadTotalBytes":4,"processes":)";
   SnapshotView view;
   EXPECT_TRUE(ParseSnapshot(figures + "[]}", view));
-  EXPECT_FALSE(ParseSnapshot(figures + "{}}", view));
+  EXPECT_FALSE(ParseSnapshot(figures + "{}}", view));  // needs the processes array
 }
 
-}  // namespace
-}  // namespace orvel
+TEST(NewLogText, EachLinePrintedOnceAsTheRingDropsOldBytes) {
+  // Previous text, current text, what is new. When the two have nothing in
+  // common and the ring is full, it starts inside a line.
+  const std::string full = std::string(kHelperLogCapacity - 6, 'x') + "\r\nL1\r\n";
+  const std::array<std::string, 3> cases[] = {
+      {"", "A\r\nB\r\n", "A\r\nB\r\n"},
+      {"A\r\nB\r\n", "A\r\nB\r\n", ""},
+      {"A\r\nB\r\n", "\r\nB\r\nC\r\n", "C\r\n"},  // the front was dropped
+      {"A\r\nA\r\n", "A\r\nA\r\nA\r\n", "A\r\n"},
+      {"old\r\n", full, "L1\r\n"}};
+  for (const auto& [previous, current, added] : cases)
+    EXPECT_EQ(NewLogText(previous, current), added) << current;
+}
