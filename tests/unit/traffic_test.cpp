@@ -28,9 +28,8 @@ TEST(FindJsonNumber, ReadsTheRunAfterTheFirstQuotedKey) {
         R"({"up":"5"})", "{\"up\": \t\r\n 31}", R"({"up" :5})", R"({"upload":9,"up":4})",
         R"({"up":1,"up":2})", R"({"up":1.5e3})", R"({"up":9223372036854775807})",
         R"({"up":9223372036854775808})", R"({"up":-9223372036854775808})",
-        R"({"up":-99999999999999999999})", R"({"up":00042})"}) {
+        R"({"up":-99999999999999999999})", R"({"up":00042})"})
     read += std::to_string(FindJsonNumber(text, "up")) + ",";
-  }
   EXPECT_EQ(read,
             "-42,0,12,0,0,0,31,0,4,1,1,9223372036854775807,9223372036854775807,"
             "-9223372036854775808,-9223372036854775808,42,");
@@ -43,26 +42,28 @@ TEST(FindJsonNumber, ReadsTheRunAfterTheFirstQuotedKey) {
 }
 
 TEST(IsCoreResponseComplete, EndsByDeclaredLengthOrFirstSample) {
+  // Complete: a length found anywhere in the head in any case, counted from
+  // the first blank line; the "/traffic" stream at its first sample, keys in
+  // either order, headers searched too, even before a declared length is in.
   const std::string ok = "HTTP/1.1 200 OK\r\n";
-  const std::string complete[] = {
-      ok + "Content-Length: 0\r\n\r\n", ok + "Content-Length: 5\r\n\r\nabcdefgh",
-      ok + "CONTENT-LENGTH:     3\r\n\r\nabc", ok + "Content-Length:3x\r\n\r\nabc",
-      ok + "X-Content-Length: 0\r\n\r\n",          // found anywhere in the head
-      ok + "Content-Length: 4\r\n\r\nab\r\n\r\n",  // counted from the first blank line
-      // The "/traffic" stream ends at its first sample, keys in either order,
-      // headers searched too, even before a declared length is in.
-      kTrafficHead + "1a\r\n{\"up\":-1250,\"down\":", ok + "\r\n{\"down\":1,\"up\":2}",
-      "\"up\":\"down\":", ok + "Content-Length: 500\r\n\r\n{\"up\":1,\"down\":2", kConnections};
-  const std::string incomplete[] = {
-      ok + "Content-Length: 5\r\n\r\nabcd", ok + "Content-Length: 0\r\n", kTrafficHead,
-      // A tab is not skipped, only the first length is read, a length after the
-      // head is body, and a sample needs both keys in their case.
-      ok + "Content-Length:\t3\r\n\r\nabc", ok + "Content-Length: x3\r\n\r\nabc",
-      ok + "Content-Length: 9\r\nContent-Length: 0\r\n\r\n", ok + "\r\nContent-Length: 0\r\n\r\n",
-      ok + "Content-Length: 4294967296\r\n\r\nabc", kTrafficHead + "1a\r\n{\"up\":-1250,",
-      ok + "\r\n{\"UP\":1,\"DOWN\":2}", kConnections.substr(0, kConnections.size() - 1), ""};
-  for (const std::string& response : complete) EXPECT_TRUE(IsCoreResponseComplete(response));
-  for (const std::string& response : incomplete) EXPECT_FALSE(IsCoreResponseComplete(response));
+  for (const std::string& response :
+       {ok + "Content-Length: 0\r\n\r\n", ok + "Content-Length: 5\r\n\r\nabcdefgh",
+        ok + "CONTENT-LENGTH:     3\r\n\r\nabc", ok + "Content-Length:3x\r\n\r\nabc",
+        ok + "X-Content-Length: 0\r\n\r\n", ok + "Content-Length: 4\r\n\r\nab\r\n\r\n",
+        kTrafficHead + "1a\r\n{\"up\":-1250,\"down\":", ok + "\r\n{\"down\":1,\"up\":2}",
+        std::string("\"up\":\"down\":"), ok + "Content-Length: 500\r\n\r\n{\"up\":1,\"down\":2",
+        kConnections})
+    EXPECT_TRUE(IsCoreResponseComplete(response)) << response;
+  // Incomplete: a tab is not skipped, only the first length is read, a length
+  // after the head is body, and a sample needs both keys in their case.
+  for (const std::string& response :
+       {ok + "Content-Length: 5\r\n\r\nabcd", ok + "Content-Length: 0\r\n", kTrafficHead,
+        ok + "Content-Length:\t3\r\n\r\nabc", ok + "Content-Length: x3\r\n\r\nabc",
+        ok + "Content-Length: 9\r\nContent-Length: 0\r\n\r\n", ok + "\r\nContent-Length: 0\r\n\r\n",
+        ok + "Content-Length: 4294967296\r\n\r\nabc", kTrafficHead + "1a\r\n{\"up\":-1250,",
+        ok + "\r\n{\"UP\":1,\"DOWN\":2}", kConnections.substr(0, kConnections.size() - 1),
+        std::string()})
+    EXPECT_FALSE(IsCoreResponseComplete(response)) << response;
 }
 
 TEST(TakeLatestTrafficSample, KeepsTheLastWholeSampleOfEachReceive) {
@@ -75,10 +76,8 @@ TEST(TakeLatestTrafficSample, KeepsTheLastWholeSampleOfEachReceive) {
       {"{\"message\":\"Unauthorized\"}\n", "0|{\"up\":-1250,\"down\":98304}|"},
       {"10\r\n{\"up\":1,\"down\":2}\n\r\n10\r\n{\"up\":3,\"down\":4}\n\r\n10\r\n{\"up\":5",
        "1|{\"up\":3,\"down\":4}|{\"up\":5"},
-      {std::string(kCoreResponseCapBytes, 'x'), "0|{\"up\":3,\"down\":4}|"},
-  };
-  std::string pending;
-  std::string sample;
+      {std::string(kCoreResponseCapBytes, 'x'), "0|{\"up\":3,\"down\":4}|"}};
+  std::string pending, sample;
   for (const auto& [received, held] : steps) {
     pending += received;
     const bool found = TakeLatestTrafficSample(pending, sample);

@@ -50,11 +50,9 @@ TEST(ParseUrlTestBody, ReadsBothVersionsAndRefusesBodiesThatEndEarlyOrClaimTooMu
 TEST(ReadLengthPrefixedField, StopsAtTheBodyEndAndEncodedBodiesReadBack) {
   // Body, start, "content@position after".
   const std::tuple<std::string_view, std::size_t, std::string_view> cases[] = {
-      {"0\n\n", 3, "refused@3"},
-      {"3\nabc", 0, "abc@5"},
-      {"3\nabc\n\n", 0, "abc@6"},
-      {"xx0\n", 2, "@4"},
-      {"4\nabc", 0, "refused@0"}};
+      {"0\n\n", 3, "refused@3"}, {"3\nabc", 0, "abc@5"},     {"3\nabc\n\n", 0, "abc@6"},
+      {"xx0\n", 2, "@4"},        {"4\nabc", 0, "refused@0"},
+  };
   for (const auto& [body, start, expected] : cases) {
     std::size_t pos = start;
     std::string out;
@@ -62,13 +60,13 @@ TEST(ReadLengthPrefixedField, StopsAtTheBodyEndAndEncodedBodiesReadBack) {
     EXPECT_EQ((read ? out : "refused") + "@" + std::to_string(pos), expected) << body;
   }
   const UrlTestRequest request{"id\n1", "http://x/\n", {"a", "b\nc", "\xE6\x9D\xB1"}, "{\n}"};
-  EXPECT_EQ(Parsed(EncodeUrlTestBody(request, 1)), "|http://x/\n|[a][b\nc][\xE6\x9D\xB1]|{\n}");
-  EXPECT_EQ(Parsed(EncodeUrlTestBody(request, 2)),
-            "id\n1|http://x/\n|[a][b\nc][\xE6\x9D\xB1]|{\n}");
-  // What orvelctl sends.
+  const std::string read = "|http://x/\n|[a][b\nc][\xE6\x9D\xB1]|{\n}";
+  EXPECT_EQ(Parsed(EncodeUrlTestBody(request, 1)), read);
+  EXPECT_EQ(Parsed(EncodeUrlTestBody(request, 2)), "id\n1" + read);
+  // And what orvelctl sends.
   EXPECT_EQ(
       Parsed(client::BuildUrlTestRequestBody("id\n1", "http://x/\n", request.nodeTags, "{\n}")),
-      "id\n1|http://x/\n|[a][b\nc][\xE6\x9D\xB1]|{\n}");
+      "id\n1" + read);
 }
 
 TEST(BuildUrlTestResultLine, EscapesTheTagOnly) {
@@ -83,11 +81,10 @@ TEST(BuildUrlTestResultLine, EscapesTheTagOnly) {
 }
 
 // Handles here are plain tokens: the registry never dereferences them.
-TestProcessHandle Token(std::uintptr_t n) { return reinterpret_cast<TestProcessHandle>(n); }
-TestProcessHandle Same(TestProcessHandle process) { return process; }
-TestProcessHandle Twice(TestProcessHandle process) {
-  return Token(reinterpret_cast<std::uintptr_t>(process) * 2);
-}
+using Handles = std::vector<TestProcessHandle>;
+static TestProcessHandle Token(std::uintptr_t n) { return reinterpret_cast<TestProcessHandle>(n); }
+static TestProcessHandle Same(TestProcessHandle process) { return process; }
+static TestProcessHandle Twice(TestProcessHandle p) { return Token(std::uintptr_t(p) * 2); }
 
 TEST(UrlTestRegistry, CancelMarksAndReturnsTheRunningProcesses) {
   EXPECT_FALSE(IsUrlTestCanceled("reg-a"));
@@ -98,23 +95,19 @@ TEST(UrlTestRegistry, CancelMarksAndReturnsTheRunningProcesses) {
   UnregisterTestProcess("reg-a", Token(1));  // every occurrence, the order of the rest kept
   UnregisterTestProcess("reg-A", Token(2));  // ids are case-sensitive
   UnregisterTestProcess("reg-a", Token(7));
-  EXPECT_EQ(MarkUrlTestCanceled("reg-a", Same),
-            (std::vector<TestProcessHandle>{Token(2), Token(3)}));
-  EXPECT_EQ(MarkUrlTestCanceled("reg-b", Twice), (std::vector<TestProcessHandle>{Token(18)}));
+  EXPECT_EQ(MarkUrlTestCanceled("reg-a", Same), (Handles{Token(2), Token(3)}));
+  EXPECT_EQ(MarkUrlTestCanceled("reg-b", Twice), (Handles{Token(18)}));
   EXPECT_TRUE(MarkUrlTestCanceled("", Same).empty());
-  EXPECT_TRUE(IsUrlTestCanceled("reg-a"));
-  EXPECT_FALSE(IsUrlTestCanceled("reg-a\n"));
-  EXPECT_FALSE(IsUrlTestCanceled(""));
+  EXPECT_TRUE(IsUrlTestCanceled("reg-a") && !IsUrlTestCanceled("reg-a\n") &&
+              !IsUrlTestCanceled(""));
   // A second cancel reports what is still registered; the last removal
   // erases the entry; a reset drops the mark and the list.
   UnregisterTestProcess("reg-a", Token(2));
-  EXPECT_EQ(MarkUrlTestCanceled("reg-a", Same), (std::vector<TestProcessHandle>{Token(3)}));
+  EXPECT_EQ(MarkUrlTestCanceled("reg-a", Same), (Handles{Token(3)}));
   UnregisterTestProcess("reg-a", Token(3));
   EXPECT_TRUE(MarkUrlTestCanceled("reg-a", Same).empty());
-  ResetUrlTest("reg-b");
+  for (std::string_view id : {"reg-a", "reg-b"}) ResetUrlTest(id);
+  EXPECT_FALSE(IsUrlTestCanceled("reg-a") || IsUrlTestCanceled("reg-b"));
   EXPECT_TRUE(MarkUrlTestCanceled("reg-b", Same).empty());
-  ResetUrlTest("reg-a");
   ResetUrlTest("reg-b");
-  EXPECT_FALSE(IsUrlTestCanceled("reg-a"));
-  EXPECT_FALSE(IsUrlTestCanceled("reg-b"));
 }
