@@ -8,13 +8,10 @@
 
 using namespace orvel;
 
-static std::string Nested(std::size_t depth) {
-  return std::string(depth, '[') + std::string(depth, ']');
-}
-
+static std::string Nested(std::size_t n) { return std::string(n, '[') + std::string(n, ']'); }
 // {"log":{"output":<path>}} with `path` given as JSON string content.
-static std::string Output(std::string_view path) {
-  return R"({"log":{"output":")" + std::string(path) + R"("}})";
+static std::string Output(std::string_view p) {
+  return R"({"log":{"output":")" + std::string(p) + "\"}}";
 }
 
 TEST(CheckServiceConfig, RefusesProgramsAndPathsOutsideTheDataDirectory) {
