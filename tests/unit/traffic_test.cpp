@@ -91,7 +91,8 @@ static std::string FakeName(std::uint32_t pid) {
 }
 
 TEST(AppendProcessEntry, WritesEachEndpointOnceWithItsMethodUpToEightyEntries) {
-  ProcessEntryList list{.nameForPid = &FakeName};
+  ProcessEntryList list;
+  list.nameForPid = &FakeName;
   // Only these four addresses and empty text are dropped, and go unnamed.
   for (std::string_view address : {"", "0.0.0.0", "::", "127.0.0.1", "::1"})
     AppendProcessEntry(list, {7, "UDP", address, 53});
