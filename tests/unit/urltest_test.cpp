@@ -2,15 +2,16 @@
 // cancel reach the running test processes.
 #include <gtest/gtest.h>
 
+#include "client/urltest_request.h"
 #include "urltest/node_test.h"  // kMaxTestOutputBytes
 #include "urltest/urltest_body.h"
 #include "urltest/urltest_registry.h"
 
-namespace orvel {
-namespace {
+using namespace orvel;
+using namespace std::string_literals;
 
 // "requestId|url|[tag][tag]|config", or "refused".
-std::string Parsed(std::string_view body) {
+static std::string Parsed(std::string_view body) {
   UrlTestRequest request;
   if (!ParseUrlTestBody(body, request)) return "refused";
   std::string tags;
@@ -18,60 +19,54 @@ std::string Parsed(std::string_view body) {
   return request.requestId + "|" + request.url + "|" + tags + "|" + request.config;
 }
 
-TEST(ParseUrlTestBody, ReadsBothVersionsAndNumbersLikeStrtoul) {
-  const std::string v1 = "ORVELVPN_URLTEST_V1\n";
-  const std::string v2 = "ORVELVPN_URLTEST_V2\n";
-  const std::pair<std::string, std::string_view> cases[] = {
-      {v2 + "2\nr7\n3\nu:x\n2\n5\nhk-01\n5\njp-02\n2\n{}\n", "r7|u:x|[hk-01][jp-02]|{}"},
-      {v1 + "3\nu:x\n1\n1\na\n2\n{}", "|u:x|[a]|{}"},
-      // The line feed after a field is optional.
-      {v2 + "2\nr73\nu:x1\n1\na2\n{}", "r7|u:x|[a]|{}"},
-      // Only one line feed after a field is skipped: the second is read as an
-      // empty count line (0 nodes), and the tag field becomes the configuration.
-      {v1 + "3\nu:x\n\n1\na\n2\n{}", "|u:x||a"},
-      {v1 + "3\nu\nx\n1\n3\na\nb\n4\n{\n}\n", "|u\nx|[a\nb]|{\n}\n"},
-      {v1 + "1\nu\n1\n1\na\n2\n{}\ntrailing junk 99\n", "|u|[a]|{}"},
-      {v1 + "1\nu\n3\n0\n1\na\n1\na\n0\n", "|u|[a][a]|"},  // empty tags dropped, repeats kept
-      // No leading digits give 0; an empty length line is 0, not the number below it.
-      {v1 + "1\nu\n\n2\n{}", "|u||{}"},
-      {v1 + "1\nu\nxyz\n2\n{}", "|u||{}"},
-      {v1 + "1\nu\n1abc\n1\na\n2\n{}", "|u|[a]|{}"},
-      {v1 + "1\nu\n \t+1\n1\na\n2\n{}", "|u|[a]|{}"},
-      {v1 + "\n1\n1\na\n2\n{}", "||[a]|{}"},
-  };
-  for (const auto& [body, expected] : cases) EXPECT_EQ(Parsed(body), expected) << body;
-  const std::string refused[] = {
-      "", v2.substr(0, 19), v2, "ORVELVPN_URLTEST_V3\n1\nu\n1\n1\na\n2\n{}",
-      "orvelvpn_urltest_v1\n1\nu\n1\n1\na\n2\n{}", "ORVELVPN_URLTEST_V1 1\nu\n1\n1\na\n2\n{}",
-      // Count 3 with two tags takes the configuration as the third tag.
-      v1 + "1\nu\n3\n1\na\n1\nb\n2\n{}\n", v1 + "1\nu\n", v1 + "1\nu\n1",
-      v1 + "1\nu\n1\n1\na\n3\n{}", v1 + "1\nu\n1\n1\na\n2", v1 + "1\nu\n1\n1\na\n",
-      // "-1" reads as 4294967295, which no body can hold.
-      v1 + "-1\nu\n0\n0\n", v1 + "1\nu\n-1\n0\n"};
-  for (const std::string& body : refused) {
+TEST(ParseUrlTestBody, ReadsBothVersionsAndRefusesBodiesThatEndEarlyOrClaimTooMuch) {
+  const std::string v1 = "ORVELVPN_URLTEST_V1\n", v2 = "ORVELVPN_URLTEST_V2\n";
+  // The line feed after a field is optional, but only one is skipped: a second
+  // is read as an empty count line (0 nodes), and the tag field becomes the
+  // configuration. Empty tags are dropped, repeats kept. A number line is read
+  // like strtoul and an empty one is 0, not the number below it. Count 3 with
+  // two tags takes the configuration as the third tag; "-1" reads as
+  // 4294967295, which no body can hold.
+  std::string read;
+  for (const std::string& body :
+       {v2 + "2\nr7\n3\nu:x\n2\n5\nhk-01\n5\njp-02\n2\n{}\n", v1 + "3\nu:x\n1\n1\na\n2\n{}",
+        v2 + "2\nr73\nu:x1\n1\na2\n{}", v1 + "3\nu:x\n\n1\na\n2\n{}",
+        v1 + "3\nu\nx\n1\n3\na\nb\n4\n{\n}\n", v1 + "1\nu\n1\n1\na\n2\n{}\ntrailing junk 99\n",
+        v1 + "1\nu\n3\n0\n1\na\n1\na\n0\n", v1 + "1\nu\n\n2\n{}", v1 + "1\nu\n1abc\n1\na\n2\n{}",
+        v1 + "\n1\n1\na\n2\n{}"})
+    read += Parsed(body) + "#";
+  EXPECT_EQ(read,
+            "r7|u:x|[hk-01][jp-02]|{}#|u:x|[a]|{}#r7|u:x|[a]|{}#|u:x||a#|u\nx|[a\nb]|{\n}\n#"
+            "|u|[a]|{}#|u|[a][a]|#|u||{}#|u|[a]|{}#||[a]|{}#");
+  for (const std::string& body :
+       {std::string(), v2.substr(0, 19), v2, "ORVELVPN_URLTEST_V3\n1\nu\n1\n1\na\n2\n{}"s,
+        "orvelvpn_urltest_v1\n1\nu\n1\n1\na\n2\n{}"s, "ORVELVPN_URLTEST_V1 1\nu\n1\n1\na\n2\n{}"s,
+        v1 + "1\nu\n3\n1\na\n1\nb\n2\n{}\n", v1 + "1\nu\n", v1 + "1\nu\n1",
+        v1 + "1\nu\n1\n1\na\n3\n{}", v1 + "1\nu\n1\n1\na\n2", v1 + "1\nu\n1\n1\na\n",
+        v1 + "-1\nu\n0\n0\n", v1 + "1\nu\n-1\n0\n"})
     EXPECT_EQ(Parsed(body), "refused") << body;
-  }
 }
 
 TEST(ReadLengthPrefixedField, StopsAtTheBodyEndAndEncodedBodiesReadBack) {
-  const struct Case {
-    std::string_view body;
-    std::size_t start;
-    std::string_view read;  // "content@position after"
-  } cases[] = {
+  // Body, start, "content@position after".
+  const std::tuple<std::string_view, std::size_t, std::string_view> cases[] = {
       {"0\n\n", 3, "refused@3"}, {"3\nabc", 0, "abc@5"},     {"3\nabc\n\n", 0, "abc@6"},
       {"xx0\n", 2, "@4"},        {"4\nabc", 0, "refused@0"},
   };
-  for (const Case& c : cases) {
-    std::size_t pos = c.start;
+  for (const auto& [body, start, expected] : cases) {
+    std::size_t pos = start;
     std::string out;
-    const bool read = ReadLengthPrefixedField(c.body, pos, out);
-    EXPECT_EQ((read ? out : "refused") + "@" + std::to_string(pos), c.read) << c.body;
+    const bool read = ReadLengthPrefixedField(body, pos, out);
+    EXPECT_EQ((read ? out : "refused") + "@" + std::to_string(pos), expected) << body;
   }
   const UrlTestRequest request{"id\n1", "http://x/\n", {"a", "b\nc", "\xE6\x9D\xB1"}, "{\n}"};
-  EXPECT_EQ(Parsed(EncodeUrlTestBody(request, 1)), "|http://x/\n|[a][b\nc][\xE6\x9D\xB1]|{\n}");
-  EXPECT_EQ(Parsed(EncodeUrlTestBody(request, 2)),
-            "id\n1|http://x/\n|[a][b\nc][\xE6\x9D\xB1]|{\n}");
+  const std::string read = "|http://x/\n|[a][b\nc][\xE6\x9D\xB1]|{\n}";
+  EXPECT_EQ(Parsed(EncodeUrlTestBody(request, 1)), read);
+  EXPECT_EQ(Parsed(EncodeUrlTestBody(request, 2)), "id\n1" + read);
+  // And what orvelctl sends.
+  EXPECT_EQ(
+      Parsed(client::BuildUrlTestRequestBody("id\n1", "http://x/\n", request.nodeTags, "{\n}")),
+      "id\n1" + read);
 }
 
 TEST(BuildUrlTestResultLine, EscapesTheTagOnly) {
@@ -80,18 +75,16 @@ TEST(BuildUrlTestResultLine, EscapesTheTagOnly) {
   EXPECT_EQ(BuildUrlTestResultLine("", -2147483647 - 1),
             "{\"nodeTag\":\"\",\"delayMs\":-2147483648}\n");
   std::string output;
-  for (std::string_view chunk : {std::string(4095, 'a'), std::string("cd"), std::string("e")}) {
+  for (std::string_view chunk : {std::string(4095, 'a'), std::string("cd"), std::string("e")})
     AppendCapped(output, chunk, kMaxTestOutputBytes);
-  }
   EXPECT_EQ(output, std::string(4095, 'a') + "c");
 }
 
 // Handles here are plain tokens: the registry never dereferences them.
-TestProcessHandle Token(std::uintptr_t n) { return reinterpret_cast<TestProcessHandle>(n); }
-TestProcessHandle Same(TestProcessHandle process) { return process; }
-TestProcessHandle Twice(TestProcessHandle process) {
-  return Token(reinterpret_cast<std::uintptr_t>(process) * 2);
-}
+using Handles = std::vector<TestProcessHandle>;
+static TestProcessHandle Token(std::uintptr_t n) { return reinterpret_cast<TestProcessHandle>(n); }
+static TestProcessHandle Same(TestProcessHandle process) { return process; }
+static TestProcessHandle Twice(TestProcessHandle p) { return Token(std::uintptr_t(p) * 2); }
 
 TEST(UrlTestRegistry, CancelMarksAndReturnsTheRunningProcesses) {
   EXPECT_FALSE(IsUrlTestCanceled("reg-a"));
@@ -102,26 +95,19 @@ TEST(UrlTestRegistry, CancelMarksAndReturnsTheRunningProcesses) {
   UnregisterTestProcess("reg-a", Token(1));  // every occurrence, the order of the rest kept
   UnregisterTestProcess("reg-A", Token(2));  // ids are case-sensitive
   UnregisterTestProcess("reg-a", Token(7));
-  EXPECT_EQ(MarkUrlTestCanceled("reg-a", Same),
-            (std::vector<TestProcessHandle>{Token(2), Token(3)}));
-  EXPECT_EQ(MarkUrlTestCanceled("reg-b", Twice), (std::vector<TestProcessHandle>{Token(18)}));
+  EXPECT_EQ(MarkUrlTestCanceled("reg-a", Same), (Handles{Token(2), Token(3)}));
+  EXPECT_EQ(MarkUrlTestCanceled("reg-b", Twice), (Handles{Token(18)}));
   EXPECT_TRUE(MarkUrlTestCanceled("", Same).empty());
-  EXPECT_TRUE(IsUrlTestCanceled("reg-a"));
-  EXPECT_FALSE(IsUrlTestCanceled("reg-a\n"));
-  EXPECT_FALSE(IsUrlTestCanceled(""));
+  EXPECT_TRUE(IsUrlTestCanceled("reg-a") && !IsUrlTestCanceled("reg-a\n") &&
+              !IsUrlTestCanceled(""));
   // A second cancel reports what is still registered; the last removal
   // erases the entry; a reset drops the mark and the list.
   UnregisterTestProcess("reg-a", Token(2));
-  EXPECT_EQ(MarkUrlTestCanceled("reg-a", Same), (std::vector<TestProcessHandle>{Token(3)}));
+  EXPECT_EQ(MarkUrlTestCanceled("reg-a", Same), (Handles{Token(3)}));
   UnregisterTestProcess("reg-a", Token(3));
   EXPECT_TRUE(MarkUrlTestCanceled("reg-a", Same).empty());
-  ResetUrlTest("reg-b");
+  for (std::string_view id : {"reg-a", "reg-b"}) ResetUrlTest(id);
+  EXPECT_FALSE(IsUrlTestCanceled("reg-a") || IsUrlTestCanceled("reg-b"));
   EXPECT_TRUE(MarkUrlTestCanceled("reg-b", Same).empty());
-  ResetUrlTest("reg-a");
   ResetUrlTest("reg-b");
-  EXPECT_FALSE(IsUrlTestCanceled("reg-a"));
-  EXPECT_FALSE(IsUrlTestCanceled("reg-b"));
 }
-
-}  // namespace
-}  // namespace orvel
