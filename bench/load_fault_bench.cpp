@@ -177,7 +177,14 @@ void RunSilentController() {
                        "\"uploadTotalBytes\":0,\"downloadTotalBytes\":0,\"processes\":[",
                        0) == 0,
         "the snapshot answers with zero figures");
+  // A stop in the middle of a snapshot waits neither for it nor for the
+  // reader that the silent controller holds.
+  std::thread during([] { test::Request("GET", "/traffic-snapshot"); });
+  Sleep(300);
+  const double stopStart = bench::NowUs();
   test::Request("POST", "/stop");
+  std::printf("  stop during a snapshot took %.0f ms\n", (bench::NowUs() - stopStart) / 1000.0);
+  during.join();
   Check(WaitNoCores(5000), "stop leaves no core");
 }
 

@@ -4,7 +4,7 @@ set -euo pipefail
 # wine64 alone gives no wine, wineboot or wineserver command on Debian 12: the
 # package wine does. Every command the scripts call is listed here.
 packages=(cmake ninja-build g++-mingw-w64-x86-64-posix wine wine64 googletest clang libclang-rt-14-dev
-  nlohmann-json3-dev curl chromium)
+  nlohmann-json3-dev curl)
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

@@ -37,8 +37,6 @@
 //                        one sample per "tick" ms; other paths get one
 //                        document with its length, then the close
 //   "silent"             no answer, the connection held until the client closes
-//   "length-after-tab"   the document, a tab before the length's digits, and
-//                        the connection held
 // Any other path gets the real core's 404, in every mode.
 #include <winsock2.h>
 #include <ws2tcpip.h>
@@ -151,10 +149,7 @@ void Serve(SOCKET client, ControllerPlan plan) {
       if (!SendText(client, bytes + size + document + "\r\n")) break;
     }
   } else if (mode != "silent") {
-    const bool tab = mode == "length-after-tab";
-    SendText(client, Head(std::string("Content-Length:") + (tab ? "\t" : " ") +
-                          std::to_string(document.size())) +
-                         document);
+    SendText(client, Head("Content-Length: " + std::to_string(document.size())) + document);
   }
   // The other modes hold the connection until the client closes it.
   while (mode != "stream" && recv(client, chunk, sizeof(chunk), 0) > 0) {

@@ -1,9 +1,9 @@
 // The helper as its clients use it, against one running helper, the core
 // double and the Wine registry: the control API, the core search, the VPN
-// commands, URL tests, traffic snapshots, the service, orvelctl, and the same
-// commands sent by a page in a real browser. Answers byte for byte, the
-// per-user proxy values with their types, the notification order, what each
-// core process was started with, and what is left behind after each refusal.
+// commands, URL tests, traffic snapshots, the service and orvelctl. Answers
+// byte for byte, the per-user proxy values with their types, the notification
+// order, what each core process was started with, and what is left behind
+// after each refusal.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -221,6 +221,11 @@ TEST_F(Helper, FramingAndRoutesGiveExactAnswers) {
       // sandboxed page's Origin.
       {"GET /logs HTTP/1.1\r\nHost: rebind.example:17891\r\n\r\n", kForbidden},
       {"POST /stop HTTP/1.1\r\nHost: 127.0.0.1:17891\r\nOrigin: null\r\n\r\n", kForbidden},
+      // What Chromium sends for a page's fetch with mode "no-cors".
+      {"POST /stop HTTP/1.1\r\nHost: 127.0.0.1:17891\r\nContent-Type: text/plain\r\n"
+       "Origin: http://127.0.0.5:8000\r\nSec-Fetch-Site: cross-site\r\nSec-Fetch-Mode: no-cors\r\n"
+       "Sec-Fetch-Dest: empty\r\nReferer: http://127.0.0.5:8000/\r\n\r\n",
+       kForbidden},
       {oversized,
        "HTTP/1.1 413 Payload Too Large\r\nContent-Type: text/plain\r\nContent-Length: 17\r\n"
        "Connection: close\r\n\r\nrequest too large"},
@@ -242,6 +247,7 @@ TEST_F(Helper, FramingAndRoutesGiveExactAnswers) {
   }
   EXPECT_TRUE(LogHasLine("Refused GET /logs: Host \"rebind.example:17891\""));
   EXPECT_TRUE(LogHasLine("Refused POST /stop: Origin \"null\""));
+  EXPECT_TRUE(LogHasLine("Refused POST /stop: Origin \"http://127.0.0.5:8000\""));
 
   // A silent client holds no one up; a head sent byte by byte is assembled.
   SOCKET silent = ConnectLoopback(kHelperPort);
@@ -582,8 +588,6 @@ TEST_F(Helper, UrlTestCancelEndsTheRunningProcessesAndStartsNoMore) {
   // Empty ids are ignored; any other is canceled, line feed and all.
   EXPECT_EQ(Post("/cancel-urltest"), kIgnored);
   EXPECT_EQ(Post("/cancel-urltest", "nobody\n"), kCanceled);
-  EXPECT_EQ(ExchangeRaw(BuildRequest("GET", "/cancel-urltest", "x")).substr(0, 13),
-            "HTTP/1.1 404 ");
   std::vector<std::string> tags;
   for (int i = 1; i <= 13; ++i) tags.push_back(std::to_string(i) + "-hang");
   const SOCKET socket = StartUrlTest(Body("cancel-me", tags));
@@ -704,9 +708,6 @@ TEST_F(Helper, TrafficSnapshotFollowsTheControllerAndItsReaderLivesAndDiesWithTh
   const std::pair<std::string, std::string_view> cases[] = {
       {ControllerConfig("stream"), kReported},
       {ControllerConfig("silent"), kZeros},  // each read ends at its receive time-out
-      // Not ended by the header: read until the receive time-out, and the
-      // figures that came before it are still used.
-      {ControllerConfig("length-after-tab"), kReported},
       // This stream ticks every 100 ms, so its reader holds a fresh sample
       // when the next core starts: that core's snapshots must still carry
       // its own figures.
@@ -726,19 +727,12 @@ TEST_F(Helper, TrafficSnapshotFollowsTheControllerAndItsReaderLivesAndDiesWithTh
   EXPECT_LE(FewestThreads(pid, idle, 100), idle) << "a reader outlived its core";
 
   // A silent controller holds the reader's request for ever; a stop in the
-  // middle of a snapshot waits neither for it nor for the reader.
-  const auto stopMs = [] {
-    const ULONGLONG start = GetTickCount64();
-    EXPECT_EQ(Post("/stop"), kDisconnected);
-    return GetTickCount64() - start;
-  };
-  ASSERT_EQ(Post("/start-tun", ControllerConfig("silent")), kTunConnected);
-  Sleep(300);
-  const ULONGLONG aloneMs = stopMs();
+  // middle of a snapshot still ends the reader (how long the stop takes is
+  // load_fault_bench's figure).
   ASSERT_EQ(Post("/start-tun", ControllerConfig("silent")), kTunConnected);
   auto during = std::async(std::launch::async, TakeSnapshot);
   Sleep(300);
-  EXPECT_LT(stopMs(), aloneMs + 500) << "the stop waited for the snapshot";
+  EXPECT_EQ(Post("/stop"), kDisconnected);
   ExpectSnapshot(during.get(), kZeros);
   EXPECT_LE(FewestThreads(pid, idle, 100), idle) << "a reader outlived its stop";
 }
@@ -829,13 +823,9 @@ TEST_F(Helper, ServiceIsInstalledRunsTheCoreAndRefusesUnsafeConfigurations) {
   EXPECT_EQ(OpenOurService(), nullptr);
   ASSERT_EQ(std::get<0>(RunProgram(helper.ExePath(), L"xx--install-serviceyy and more words")), 0u);
   ASSERT_NE(OpenOurService(), nullptr);
-  // Installing again from another folder moves the registration there, and
-  // installer mode starts no server of its own.
+  // Installer mode starts no server of its own.
   helper.Stop();
-  const std::wstring moved = helper.directory + L"\\moved\\OrvelVpnHelper.exe";
-  CreateDirectoryW((helper.directory + L"\\moved").c_str(), nullptr);
-  ASSERT_TRUE(CopyFileW(helper.ExePath().c_str(), moved.c_str(), FALSE));
-  ASSERT_EQ(std::get<0>(RunProgram(moved, L"before --install-service")), 0u);
+  ASSERT_EQ(std::get<0>(RunProgram(helper.ExePath(), L"before --install-service")), 0u);
   EXPECT_FALSE(Pong());
   const ScHandle service = OpenOurService();
   std::vector<unsigned char> buffer(8192);
@@ -851,7 +841,7 @@ TEST_F(Helper, ServiceIsInstalledRunsTheCoreAndRefusesUnsafeConfigurations) {
           about->lpDescription + L"|" + config->lpServiceStartName + L"|" +
           std::to_wstring(config->dwStartType) + std::to_wstring(config->dwServiceType) +
           std::to_wstring(config->dwErrorControl),
-      L"\"" + moved +
+      L"\"" + helper.ExePath() +
           L"\"|Orvel VPN Helper Service|Runs sing-box TUN mode for Orvel VPN.|LocalSystem|2161");
   // Wine's SCM keeps neither failure actions nor service security, so only
   // the security text is checked: one that does not convert makes the
@@ -860,10 +850,8 @@ TEST_F(Helper, ServiceIsInstalledRunsTheCoreAndRefusesUnsafeConfigurations) {
   EXPECT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorW(
       kServiceSecurityDescriptor, SDDL_REVISION_1, &descriptor, nullptr));
   LocalFree(descriptor);
-  // Installed again from the folder with the core double.
   const ProxyValues user{Dword(0), Text(L"user-proxy:8080"), Text(L"*.corp")};
   WriteProxyValues(user);
-  ASSERT_EQ(std::get<0>(RunProgram(helper.ExePath(), L"--install-service")), 0u);
   const SERVICE_STATUS running = StartThroughScm();
   ASSERT_EQ(running.dwCurrentState, DWORD{SERVICE_RUNNING});
   EXPECT_EQ(running.dwControlsAccepted, DWORD{SERVICE_ACCEPT_STOP});
@@ -901,84 +889,6 @@ TEST_F(Helper, ServiceIsInstalledRunsTheCoreAndRefusesUnsafeConfigurations) {
   EXPECT_EQ(CountProcessesNamed(L"sing-box.exe"), 0);
   EXPECT_EQ(ReadWininetCalls() + ReadFileBytes(RecordPath(L"wininet-cores.txt")), "39\n37\n1\n1\n");
   EXPECT_FALSE(Pong());
-}
-
-// --- A web page in a real browser ---------------------------------------------
-
-// Stops the user's VPN, starts the page's own configuration with the system
-// proxy on its port 6666, tries TUN mode, and reads the status: what any web
-// site could do with "simple" requests, which a browser sends without asking.
-constexpr std::string_view kAttackingPage = R"(<!doctype html><script>
-const helper = "http://127.0.0.1:17891";
-const config = JSON.stringify({inbounds: [{type: "mixed", tag: "orvel-vpn-mixed",
-                                           listen: "127.0.0.1", listen_port: 6666}]});
-Promise.allSettled([
-  fetch(helper + "/stop", {method: "POST", mode: "no-cors", body: ""}),
-  fetch(helper + "/start", {method: "POST", mode: "no-cors", body: config}),
-  fetch(helper + "/start-tun", {method: "POST", mode: "no-cors", body: config}),
-  new Promise(done => { const image = new Image(); image.onload = image.onerror = done;
-                        image.src = helper + "/status"; }),
-]).then(() => fetch("/finished"));
-</script>)";
-
-TEST_F(Helper, WebPageInARealBrowserChangesNothing) {
-  // The host's chromium is started through Wine: a Unix program given to
-  // CreateProcessW runs as a host process, but Wine returns no handle for it
-  // and passes on only its standard output (thrown away here), so
-  // `timeout` bounds its life and the page reports its end to our server.
-  if (GetProcAddress(GetModuleHandleW(L"ntdll"), "wine_get_version") == nullptr) {
-    GTEST_SKIP() << "drives the host's chromium through Wine";
-  }
-  WriteProxyValues(kUserProxy);
-  ASSERT_EQ(Post("/start", Config()), kConnected);
-  // Another loopback address is another site to the browser.
-  SOCKET listener = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  inet_pton(AF_INET, "127.0.0.2", &address.sin_addr);
-  int size = sizeof(address);
-  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), size), 0);
-  ASSERT_EQ(listen(listener, 16), 0);
-  getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
-  const std::string origin = "http://127.0.0.2:" + std::to_string(ntohs(address.sin_port));
-  HANDLE finished = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  std::thread server([&] {
-    for (SOCKET s; (s = accept(listener, nullptr, nullptr)) != INVALID_SOCKET; closesocket(s)) {
-      char head[4096] = {};
-      recv(s, head, sizeof(head) - 1, 0);
-      const std::string_view request(head);
-      if (request.starts_with("GET /finished ")) SetEvent(finished);
-      const std::string_view body = request.starts_with("GET / ") ? kAttackingPage : "";
-      SendAll(s, "HTTP/1.1 200 OK\r\nContent-Type: text/html\r\nContent-Length: " +
-                     std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" +
-                     std::string(body));
-    }
-  });
-  STARTUPINFOW startup{};
-  startup.cb = sizeof(startup);
-  std::wstring commandLine =
-      L"sh -c \"profile=$(mktemp -d) && timeout -k 5 90 chromium --headless "
-      L"--no-sandbox --disable-gpu --disable-quic --no-first-run --disable-background-networking "
-      L"--disable-component-update --disable-sync --user-data-dir=$profile "
-      L"--virtual-time-budget=5000 --dump-dom >/dev/null 2>&1 " +
-      std::wstring(origin.begin(), origin.end()) + L"/; rm -rf $profile\"";
-  PROCESS_INFORMATION browser{};
-  const BOOL launched = CreateProcessW(L"Z:\\bin\\sh", commandLine.data(), nullptr, nullptr, FALSE,
-                                       0, nullptr, nullptr, &startup, &browser);
-  const bool pageFinished = launched && WaitForSingleObject(finished, 120000) == WAIT_OBJECT_0;
-  closesocket(listener);
-  server.join();
-  CloseHandle(finished);
-  ASSERT_TRUE(pageFinished) << "chromium did not finish the page within 120 s";
-
-  for (std::string_view path : {"/stop", "/start", "/start-tun"}) {
-    EXPECT_TRUE(LogHasLine("Refused POST " + std::string(path) + ": Origin \"" + origin + "\""));
-  }
-  EXPECT_TRUE(LogHasLine("Refused GET /status: Sec-Fetch-Site \"cross-site\""));
-  EXPECT_EQ(NewLog().find("VPN stopped through"), std::string::npos);
-  EXPECT_EQ(NewLog().find("TUN VPN started"), std::string::npos);
-  EXPECT_EQ(ReadFileBytes(DataFile(L"sing-box.json")), Config());
-  ExpectLeft(HelperProxyValues(2080), "39\n37\n", 1);
 }
 
 // --- orvelctl -----------------------------------------------------------------
