@@ -22,7 +22,7 @@
 //   hang       never ends by itself (only termination ends it)
 //   flood-N    write N bytes to stdout (more than a pipe holds blocks), then exit 0
 //   (none)     answer at once, exit 0
-// Every fetch leaves C:\OrvelTest\fetch\<pid>-<k>.txt: "key=value" lines
+// Every fetch leaves C:\OrvelTest\fetch\<pid>-<counter>.txt: "key=value" lines
 // (pid, startTick, tag, url, config, the invocation), then configText= and
 // the configuration's bytes to the end of the file.
 //
@@ -37,7 +37,6 @@
 //                        one sample per "tick" ms; other paths get one
 //                        document with its length, then the close
 //   "silent"             no answer, the connection held until the client closes
-// Any other path gets the real core's 404, in every mode.
 #include <winsock2.h>
 #include <ws2tcpip.h>
 
@@ -135,11 +134,7 @@ void Serve(SOCKET client, ControllerPlan plan) {
       path == "/traffic" ? "{\"up\":" + plan["up"] + ",\"down\":" + plan["down"] + "}\n"
                          : "{\"connections\":[],\"downloadTotal\":" + plan["downloadTotal"] +
                                ",\"memory\":8388608,\"uploadTotal\":" + plan["uploadTotal"] + "}\n";
-  if (path != "/traffic" && path != "/connections") {
-    SendText(client,
-             "HTTP/1.1 404 Not Found\r\nContent-Type: text/plain; charset=utf-8\r\n"
-             "Content-Length: 19\r\n\r\n404 page not found\n");
-  } else if (mode == "stream" && path == "/traffic") {
+  if (mode == "stream" && path == "/traffic") {
     // The real core writes nothing, not even the status line, before its
     // first tick; the stream never ends by itself.
     char size[16];
@@ -239,31 +234,23 @@ long TokenValue(const std::wstring& tag, const std::wstring& token) {
   return std::wcstol(tag.c_str() + at + token.size(), nullptr, 10);
 }
 
-// A fresh file per fetch: process ids are reused, so a counter decides.
-void WriteFetchRecord(const std::string& text) {
-  const std::wstring directory = L"C:\\OrvelTest\\fetch";
-  CreateDirectoryW(directory.c_str(), nullptr);
-  const std::wstring stem = directory + L"\\" + std::to_wstring(GetCurrentProcessId());
-  for (int k = 0; k < 1000; ++k) {
-    const std::wstring path = stem + L"-" + std::to_wstring(k) + L".txt";
-    HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
-                              FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (file == INVALID_HANDLE_VALUE) continue;
-    DWORD written = 0;
-    WriteFile(file, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
-    CloseHandle(file);
-    return;
-  }
-}
-
 int RunToolsMode(const std::vector<std::wstring>& args) {
   const std::wstring configPath = ArgumentAfter(args, L"-c");
   const std::wstring tag = ArgumentAfter(args, L"-o");
   const std::wstring url = ArgumentAfter(args, L"fetch");
-  WriteFetchRecord("pid=" + std::to_string(GetCurrentProcessId()) +
-                   "\nstartTick=" + std::to_string(GetTickCount64()) + "\ntag=" + WideToUtf8(tag) +
-                   "\nurl=" + WideToUtf8(url) + "\nconfig=" + WideToUtf8(configPath) + "\n" +
-                   DescribeInvocation() + "configText=" + ReadWholeFile(configPath));
+  // Named by process id and performance counter: an id is reused only after
+  // its process has ended, and the counter has long moved on by then.
+  CreateDirectoryW(L"C:\\OrvelTest\\fetch", nullptr);
+  const std::string pid = std::to_string(GetCurrentProcessId());
+  const std::string tick = std::to_string(GetTickCount64());
+  LARGE_INTEGER now{};
+  QueryPerformanceCounter(&now);
+  std::ofstream(std::filesystem::path("C:\\OrvelTest\\fetch\\" + pid + "-" +
+                                      std::to_string(now.QuadPart) + ".txt"),
+                std::ios::binary)
+      << "pid=" + pid + "\nstartTick=" + tick + "\ntag=" + WideToUtf8(tag) +
+             "\nurl=" + WideToUtf8(url) + "\nconfig=" + WideToUtf8(configPath) + "\n" +
+             DescribeInvocation() + "configText=" + ReadWholeFile(configPath);
   if (tag.find(L"hang") != std::wstring::npos) {
     for (;;) Sleep(INFINITE);
   }

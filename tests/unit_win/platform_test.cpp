@@ -1,7 +1,7 @@
-// Platform pieces that need Windows but no running helper: the pipe drain and
-// the data files of core management, the controller client's own ends, and
-// the socket owner tables and process names. The system proxy cycle, the
-// registry types and the controller's answers are the end-to-end tests'.
+// Platform pieces that need Windows but no running helper: the pipe drain of
+// core management, the controller client's own ends, and the socket owner
+// tables and process names. The system proxy cycle, the registry types, the
+// data files and the controller's answers are the end-to-end tests'.
 //
 // Under Wine the socket tables are the Linux host's, and a row may carry
 // owning pid 0 where Wine does not map the host socket to a Windows process
@@ -10,11 +10,9 @@
 #include <ws2tcpip.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <thread>
 
 #include "core/core_process_win.h"
-#include "core/data_files.h"
 #include "support/harness.h"
 #include "traffic/core_stats_client.h"
 #include "traffic/socket_tables.h"
@@ -57,20 +55,6 @@ TEST(DrainPipeOutput, StopsAtTheChunkPastFourKiB) {
   CloseHandle(write);
   EXPECT_EQ(DrainPipeOutput(read), text.substr(0, 8192));
   CloseHandle(read);
-}
-
-// The helper's data folder sits one level below an existing one; here every
-// level is missing, and a shorter file replaces a longer one whole.
-TEST(DataFiles, CreatesEveryMissingFolderAndReplacesWholeFiles) {
-  const std::wstring root = std::filesystem::temp_directory_path().wstring() + L"orvel-data";
-  std::filesystem::remove_all(root);
-  std::string message;
-  EXPECT_TRUE(CreateDirectoryTree(root + L"\\a/b", message)) << message;
-  for (const std::string& bytes : {std::string(40, 'a'), std::string("{}\r\n\0\xFF", 6)}) {
-    ASSERT_TRUE(WriteWholeFile(root + L"\\a\\b\\f", bytes));
-    EXPECT_EQ(test::ReadFileBytes(root + L"\\a\\b\\f"), bytes);
-  }
-  std::filesystem::remove_all(root);
 }
 
 // The two ends the core's controller double does not drive: a server that
