@@ -87,16 +87,18 @@ LoadRun RunPingLoad(unsigned short port, int clients, int perClient) {
   std::vector<std::vector<double>> samples(static_cast<std::size_t>(clients));
   std::vector<int> errors(static_cast<std::size_t>(clients), 0);
   const double start = NowUs();
+  client::ClientAddress address;
+  address.host = "127.0.0.1";
+  address.port = port;
   std::vector<std::thread> threads;
   for (int c = 0; c < clients; ++c) {
     threads.emplace_back([&, c] {
       for (int i = 0; i < perClient; ++i) {
         const double begin = NowUs();
         std::string answer;
-        if (const SOCKET s = test::ConnectLoopback(port, 10000); s != INVALID_SOCKET) {
-          test::SendAll(s, kPingRequest);
-          answer = test::ReadToEnd(s);
-          closesocket(s);
+        client::ClientSocket s;
+        if (client::ConnectTo(address, s) && client::SendAllBytes(s, kPingRequest)) {
+          answer = test::ReadToEnd(s, nullptr, 10000);
         }
         const double elapsed = NowUs() - begin;
         if (answer == kPong) {

@@ -6,8 +6,10 @@
 // cancelled). It prints figures; timing never fails it. A wrong answer, a
 // lost answer or a process left behind is printed as UNEXPECTED and makes the
 // exit code 1.
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <deque>
 #include <thread>
 #include <vector>
 
@@ -99,22 +101,20 @@ void RunPingLoads(test::ScopedHelper& helper) {
   std::printf("  usage after the load: %s\n",
               bench::DescribeUsage(bench::MeasureProcess(helper.process.hProcess)).c_str());
 
-  std::vector<SOCKET> idle;
-  for (int i = 0; i < kIdleConnections; ++i) {
-    const SOCKET s = test::ConnectLoopback(test::kHelperPort, 30000);
-    if (s != INVALID_SOCKET) idle.push_back(s);
-  }
+  // Sockets close themselves and cannot move: a deque builds them in place.
+  std::deque<client::ClientSocket> idle(kIdleConnections);
+  const auto connected = std::count_if(
+      idle.begin(), idle.end(), [](client::ClientSocket& s) { return test::ConnectToHelper(s); });
   const bench::LoadRun held =
       bench::RunPingLoad(test::kHelperPort, kLoadClients, kIdleLoadPerClient);
   std::printf(
       "%zu idle connections held open (connected, nothing sent), 2,000 GET /ping from 8 "
       "clients: %s\n",
-      idle.size(), bench::DescribeLoad(held).c_str());
-  Check(idle.size() == kIdleConnections, "all 200 idle connections accepted");
+      static_cast<std::size_t>(connected), bench::DescribeLoad(held).c_str());
+  Check(connected == kIdleConnections, "all 200 idle connections accepted");
   Check(held.errors == 0, "/ping answered while they are held");
   std::printf("  usage while they are held: %s\n",
               bench::DescribeUsage(bench::MeasureProcess(helper.process.hProcess)).c_str());
-  for (SOCKET s : idle) closesocket(s);
 }
 
 void RunCyclesAndUrlTests(test::ScopedHelper& helper, const bench::ProcessUsage& afterLoad) {
@@ -192,10 +192,13 @@ void RunClientHangsUpMidStream() {
   std::printf("fault: a client hangs up in the middle of a URL test stream\n");
   const std::string completed = "URLTest stream completed for 12 nodes";
   const int completedBefore = CountInLog(completed);
-  const SOCKET s = test::StartUrlTest(UrlTestBody("hang-up", 12, "-delay-1500"));
-  char head[74];
-  const int got = recv(s, head, sizeof(head), MSG_WAITALL);
-  closesocket(s);
+  int got = 0;
+  {
+    client::ClientSocket s;
+    test::StartUrlTest(UrlTestBody("hang-up", 12, "-delay-1500"), s);
+    char head[74];
+    got = recv(static_cast<SOCKET>(s.handle), head, sizeof(head), MSG_WAITALL);
+  }  // hung up here
   Check(got == 74, "the stream head arrived before the hang-up");
   Check(WaitForLog(completed, completedBefore, 15000), "the test ran to its end");
   Check(WaitNoCores(5000), "every test process ended");

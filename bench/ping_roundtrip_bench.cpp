@@ -42,7 +42,8 @@ void Report(const char* label, const bench::LoadRun& helper, const bench::LoadRu
 }  // namespace
 
 int main() {
-  test::EnsureWinsock();
+  WSADATA data{};
+  WSAStartup(MAKEWORD(2, 2), &data);
   SOCKET listener = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
   sockaddr_in address{};
   address.sin_family = AF_INET;

@@ -247,14 +247,13 @@ TEST_F(Helper, FramingAndRoutesGiveExactAnswers) {
   EXPECT_TRUE(LogHasLine("Refused POST /stop: Origin \"http://127.0.0.5:8000\""));
 
   // A silent client holds no one up; a head sent byte by byte is assembled.
-  SOCKET silent = ConnectLoopback(kHelperPort);
-  SOCKET slow = ConnectLoopback(kHelperPort, 10000);
+  client::ClientSocket silent, slow;
+  ASSERT_TRUE(ConnectToHelper(silent) && ConnectToHelper(slow));
   for (char c : std::string("GET /ping HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n")) {
-    SendAll(slow, std::string_view(&c, 1));
+    client::SendAllBytes(slow, std::string_view(&c, 1));
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   EXPECT_EQ(ReadToEnd(slow), kPong);
-  for (SOCKET s : {silent, slow}) closesocket(s);
 
   const client::HttpAnswer logs = Request("GET", "/logs");
   EXPECT_EQ(logs.contentType, "text/plain");
@@ -302,11 +301,11 @@ TEST_F(Helper, CoreIsSearchedBesideTheExeThenInDataThenOnPath) {
 TEST_F(Helper, ProxyStartPointsTheSystemProxyAtTheCore) {
   // The answer must end with end-of-stream although the core keeps running:
   // the core holds no copy of the client's socket.
-  SOCKET s = ConnectLoopback(kHelperPort, 10000);
-  SendAll(s, BuildRequest("POST", "/start", Config()));
+  client::ClientSocket socket;
+  ASSERT_TRUE(ConnectToHelper(socket) &&
+              client::SendAllBytes(socket, BuildRequest("POST", "/start", Config())));
   bool closed = false;
-  EXPECT_EQ(ReadToEnd(s, &closed), kConnected);
-  closesocket(s);
+  EXPECT_EQ(ReadToEnd(socket, &closed, 10000), kConnected);
   EXPECT_TRUE(closed);
   ExpectLeft(HelperProxyValues(2080), "39\n37\n", 1);  // settings changed, then refresh
   EXPECT_EQ(ReadFileBytes(DataFile(L"sing-box.json")), Config());
@@ -432,12 +431,12 @@ TEST_F(Helper, KilledHelperTakesItsProcessesAlongAndTheNextPutsTheProxyBack) {
     ResetTestRecords();
     WriteProxyValues(kUserProxy);
     ASSERT_EQ(Post("/start", Config()), kConnected);
-    const SOCKET stream = StartUrlTest(EncodeUrlTestBody(urltest, 2));
+    client::ClientSocket stream;
+    ASSERT_TRUE(StartUrlTest(EncodeUrlTestBody(urltest, 2), stream));
     ASSERT_EQ(WaitForFetchRecords(12, 15000).size(), 12u);
     ASSERT_GT(Cores(), 1);  // the first may have reached their 3 s limit on a loaded machine
     // The harness's own job stays open: only the helper's job can end them.
     helper.Kill();
-    closesocket(stream);
     EXPECT_EQ(WaitUntilNoProcessNamed(L"sing-box.exe", 10000), 0);
     EXPECT_EQ(ReadProxyValues(), HelperProxyValues(2080));
     EXPECT_TRUE(fs::exists(DataFile(L"proxy-state.txt")));
@@ -548,7 +547,8 @@ TEST_F(Helper, UrlTestCancelEndsTheRunningProcessesAndStartsNoMore) {
   EXPECT_EQ(Post("/cancel-urltest", "nobody\n"), kCanceled);
   std::vector<std::string> tags;
   for (int i = 1; i <= 13; ++i) tags.push_back(std::to_string(i) + "-hang");
-  const SOCKET socket = StartUrlTest(Body("cancel-me", tags));
+  client::ClientSocket socket;
+  ASSERT_TRUE(StartUrlTest(Body("cancel-me", tags), socket));
   UrlTestStream stream;
   std::thread reader([&] { stream = ReadUrlTestStream(socket); });
   const std::vector<FetchRecord> records = WaitForFetchRecords(12, 15000);
@@ -560,7 +560,6 @@ TEST_F(Helper, UrlTestCancelEndsTheRunningProcessesAndStartsNoMore) {
   const std::uint64_t cancelTick = GetTickCount64();
   EXPECT_EQ(Post("/cancel-urltest", "cancel-me"), kCanceled);
   reader.join();
-  closesocket(socket);
   // No lines for the ended nodes; the stream closes well before the limit.
   EXPECT_EQ(stream.head, kUrlTestStreamHead);
   EXPECT_TRUE(stream.lines.empty());
@@ -610,20 +609,18 @@ std::string ControllerConfig(std::string_view mode, std::string_view more = {}) 
 // Asked from 127.0.0.2, so that the helper's end of this very connection is
 // an established endpoint the snapshot must list (127.0.0.1 is dropped).
 std::string TakeSnapshot() {
-  SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
+  client::ClientSocket s;
+  s.handle = static_cast<client::SocketHandle>(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
+  sockaddr_in address{AF_INET, 0, {}, {}};
   address.sin_addr.s_addr = htonl(0x7F000002);  // 127.0.0.2
   auto* peer = reinterpret_cast<sockaddr*>(&address);
-  const bool bound = bind(s, peer, sizeof(address)) == 0;
+  const bool bound = bind(static_cast<SOCKET>(s.handle), peer, sizeof(address)) == 0;
   address.sin_port = htons(kHelperPort);
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  const std::string raw = bound && connect(s, peer, sizeof(address)) == 0 &&
-                                  SendAll(s, BuildRequest("GET", "/traffic-snapshot"))
-                              ? ReadToEnd(s)
-                              : "";
-  closesocket(s);
-  return raw;
+  return bound && connect(static_cast<SOCKET>(s.handle), peer, sizeof(address)) == 0 &&
+                 client::SendAllBytes(s, BuildRequest("GET", "/traffic-snapshot"))
+             ? ReadToEnd(s)
+             : "";
 }
 
 // Framing, figures and an entry of the asking connection (the entry text,
@@ -871,8 +868,8 @@ const char kOrvelctlConfig[] = R"({// test nodes; the tags tell the core double 
 TEST_F(Helper, OrvelctlPrintsTheHelpersAnswersWithItsExitCodesAndCancelsOnCtrlC) {
   // orvelctl runs in this process's current directory.
   SetCurrentDirectoryW(helper.directory.c_str());
-  WriteFileText(L"config.json", kOrvelctlConfig);
-  WriteFileText(L"direct.json", R"({"outbounds":[{"type":"direct"}]})");
+  WriteWholeFile(L"config.json", kOrvelctlConfig);
+  WriteWholeFile(L"direct.json", R"({"outbounds":[{"type":"direct"}]})");
   // A peer that is no helper, for the one answer only it gives: a 200 whose
   // body has a space and control bytes. The harness has started Winsock.
   const SOCKET listener = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
@@ -883,7 +880,7 @@ TEST_F(Helper, OrvelctlPrintsTheHelpersAnswersWithItsExitCodesAndCancelsOnCtrlC)
     const SOCKET peer = accept(listener, nullptr, nullptr);
     char request[4096];
     recv(peer, request, sizeof(request), 0);
-    SendAll(peer, "HTTP/1.1 200 OK\r\nContent-Length: 8\r\n\r\npo ng\x01\x7F~");
+    send(peer, "HTTP/1.1 200 OK\r\nContent-Length: 8\r\n\r\npo ng\x01\x7F~", 46, 0);
     closesocket(peer);
   });
   // Arguments, exit code, stdout and stderr ('*': any bytes).

@@ -17,7 +17,6 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <mutex>
 #include <ostream>
 #include <sstream>
 #include <string>
@@ -28,6 +27,7 @@
 #include "client/answer_text.h"
 #include "client/helper_client.h"
 #include "client/http_exchange.h"
+#include "core/data_files.h"
 
 namespace orvel::test {
 
@@ -156,12 +156,6 @@ inline std::string ReadFileBytes(const std::wstring& path) {
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-inline bool WriteFileText(const std::wstring& path, const std::string& bytes) {
-  std::ofstream out(fs::path(path), std::ios::binary | std::ios::trunc);
-  out << bytes;
-  return static_cast<bool>(out);
-}
-
 inline int CountProcessesNamed(const wchar_t* exeName) {
   int count = 0;
   ForEachProcessNamed(exeName, [&](DWORD) { ++count; });
@@ -190,63 +184,31 @@ inline int WaitUntilNoProcessNamed(const wchar_t* exeName, unsigned timeoutMs) {
 }
 
 // --- HTTP -------------------------------------------------------------------
+// Raw bytes go through the client library's socket, which closes itself.
 
-inline void EnsureWinsock() {
-  static std::once_flag once;
-  std::call_once(once, [] {
-    WSADATA data{};
-    WSAStartup(MAKEWORD(2, 2), &data);
-  });
+inline bool ConnectToHelper(client::ClientSocket& socket) {
+  return client::ConnectTo(HelperAddress(), socket);
 }
 
-inline SOCKET ConnectLoopback(unsigned short port, unsigned timeoutMs = 30000) {
-  EnsureWinsock();
-  SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-  if (s == INVALID_SOCKET) return s;
-  const DWORD timeout = timeoutMs;
-  setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&timeout), sizeof(timeout));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  inet_pton(AF_INET, "127.0.0.1", &address.sin_addr);
-  if (connect(s, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-    closesocket(s);
-    return INVALID_SOCKET;
-  }
-  return s;
-}
-
-inline bool SendAll(SOCKET socket, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const int sent =
-        send(socket, bytes.data(), static_cast<int>(std::min<std::size_t>(bytes.size(), 65536)), 0);
-    if (sent <= 0) return false;
-    bytes.remove_prefix(static_cast<std::size_t>(sent));
-  }
-  return true;
-}
-
-// Reads until the peer closes, an error or the receive time-out; closedByPeer
-// tells whether end-of-stream was seen.
-inline std::string ReadToEnd(SOCKET socket, bool* closedByPeer = nullptr) {
+// Reads until the peer closes, an error or `timeoutMs` without a byte;
+// closedByPeer tells whether end-of-stream was seen.
+inline std::string ReadToEnd(const client::ClientSocket& socket, bool* closedByPeer = nullptr,
+                             int timeoutMs = 30000) {
   std::string data;
   char chunk[8192];
   int got;
-  while ((got = recv(socket, chunk, sizeof(chunk), 0)) > 0) {
+  while ((got = client::ReceiveSome(socket, chunk, sizeof(chunk), timeoutMs)) > 0) {
     data.append(chunk, static_cast<std::size_t>(got));
   }
-  if (closedByPeer != nullptr) *closedByPeer = got == 0;
+  if (closedByPeer != nullptr) *closedByPeer = got == client::kReceiveClosed;
   return data;
 }
 
 // Sends `request` byte for byte and returns every byte of the answer.
-inline std::string ExchangeRaw(std::string_view request, unsigned timeoutMs = 30000) {
-  SOCKET s = ConnectLoopback(kHelperPort, timeoutMs);
-  if (s == INVALID_SOCKET) return {};
-  SendAll(s, request);
-  std::string answer = ReadToEnd(s);
-  closesocket(s);
-  return answer;
+inline std::string ExchangeRaw(std::string_view request) {
+  client::ClientSocket socket;
+  if (!ConnectToHelper(socket) || !client::SendAllBytes(socket, request)) return {};
+  return ReadToEnd(socket);
 }
 
 // A well-formed request as the client library writes it.
@@ -279,22 +241,18 @@ inline bool LogHasLine(std::string_view message) {
   return Logs().find("] " + std::string(message) + "\r\n") != std::string::npos;
 }
 
-inline SOCKET StartUrlTest(const std::string& body) {
-  SOCKET s = ConnectLoopback(kHelperPort);
-  if (s != INVALID_SOCKET && !SendAll(s, BuildRequest("POST", "/urltest", body))) {
-    closesocket(s);
-    s = INVALID_SOCKET;
-  }
-  return s;
+inline bool StartUrlTest(const std::string& body, client::ClientSocket& socket) {
+  return ConnectToHelper(socket) &&
+         client::SendAllBytes(socket, BuildRequest("POST", "/urltest", body));
 }
 
-inline UrlTestStream ReadUrlTestStream(SOCKET socket) {
+inline UrlTestStream ReadUrlTestStream(const client::ClientSocket& socket) {
   UrlTestStream stream;
   std::string pending;
   bool inHead = true;
   char chunk[8192];
   int got;
-  while ((got = recv(socket, chunk, sizeof(chunk), 0)) > 0) {
+  while ((got = client::ReceiveSome(socket, chunk, sizeof(chunk), 30000)) > 0) {
     pending.append(chunk, static_cast<std::size_t>(got));
     const std::size_t headEnd = inHead ? pending.find("\r\n\r\n") : 0;
     if (headEnd == std::string::npos) continue;
@@ -308,7 +266,7 @@ inline UrlTestStream ReadUrlTestStream(SOCKET socket) {
       stream.lines.emplace_back(pending.substr(0, end), GetTickCount64());
     }
   }
-  stream.closedByPeer = got == 0;
+  stream.closedByPeer = got == client::kReceiveClosed;
   stream.closedTick = GetTickCount64();
   (inHead ? stream.head : stream.rest) = pending;
   return stream;
@@ -316,11 +274,10 @@ inline UrlTestStream ReadUrlTestStream(SOCKET socket) {
 
 inline UrlTestStream RunUrlTest(const std::string& body) {
   const std::uint64_t sent = GetTickCount64();
-  SOCKET s = StartUrlTest(body);
-  if (s == INVALID_SOCKET) return {};
-  UrlTestStream stream = ReadUrlTestStream(s);
+  client::ClientSocket socket;
+  if (!StartUrlTest(body, socket)) return {};
+  UrlTestStream stream = ReadUrlTestStream(socket);
   stream.sentTick = sent;
-  closesocket(s);
   return stream;
 }
 
@@ -390,7 +347,7 @@ inline ProxyValues HelperProxyValues(unsigned port) {
 inline std::string ReadWininetCalls() { return ReadFileBytes(RecordPath(L"wininet-calls.txt")); }
 
 inline void SetWininetFailing(bool failing) {
-  if (!failing || !WriteFileText(RecordPath(L"wininet-fail"), "fail")) {
+  if (!failing || !WriteWholeFile(RecordPath(L"wininet-fail"), "fail")) {
     DeleteFileW(RecordPath(L"wininet-fail").c_str());
   }
 }
@@ -473,8 +430,7 @@ inline void ForgetLastStartedService() {
 inline bool ScopedHelper::Start(const HelperOptions& options) {
   KillProcessesNamed(L"sing-box.exe");
   ForgetLastStartedService();
-  if (SOCKET taken = ConnectLoopback(kHelperPort, 1000); taken != INVALID_SOCKET) {
-    closesocket(taken);
+  if (client::ClientSocket taken; ConnectToHelper(taken)) {
     error = "port 17891 is already in use by another process; end it before running this test";
     return false;
   }

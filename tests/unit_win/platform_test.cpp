@@ -33,6 +33,8 @@ int Address(int family, const char* text, std::uint16_t port, sockaddr_in6& addr
 // A new socket in `own` bound to `address` port 0; the port chosen, 0 on
 // failure.
 std::uint16_t Bound(std::vector<SOCKET>& own, int family, int type, const char* address) {
+  WSADATA data{};  // counted: one more start is harmless
+  WSAStartup(MAKEWORD(2, 2), &data);
   own.push_back(socket(family, type, 0));
   const DWORD off = 0;  // an IPv6 socket takes IPv4 too
   setsockopt(own.back(), IPPROTO_IPV6, IPV6_V6ONLY, reinterpret_cast<const char*>(&off), 4);
@@ -66,18 +68,17 @@ TEST(LocalHttpGet, SendsOneGetAndReadsUntilTheCloseOrTheCap) {
       // Checked before each receive: at most one chunk lies beyond the cap.
       {std::string(kCoreResponseCapBytes + 300000, 'x'), kCoreResponseCapBytes},
   };
-  test::EnsureWinsock();
   for (const auto& [sent, kept] : cases) {
     std::vector<SOCKET> listener;
     const std::uint16_t port = Bound(listener, AF_INET, SOCK_STREAM, "127.0.0.1");
     listen(listener[0], 1);
     std::string request;
     std::thread server([&] {
-      SOCKET client = accept(listener[0], nullptr, nullptr);
+      client::ClientSocket client;
+      client.handle = static_cast<client::SocketHandle>(accept(listener[0], nullptr, nullptr));
       char chunk[4096];  // the request is one small send
-      request.assign(chunk, std::max(recv(client, chunk, sizeof(chunk), 0), 0));
-      test::SendAll(client, sent);
-      closesocket(client);
+      request.assign(chunk, std::max(recv(static_cast<SOCKET>(client.handle), chunk, 4096, 0), 0));
+      client::SendAllBytes(client, sent);
     });
     std::string response;
     EXPECT_TRUE(LocalHttpGet(port, "/traffic", 20000, response));
@@ -91,7 +92,6 @@ TEST(LocalHttpGet, SendsOneGetAndReadsUntilTheCloseOrTheCap) {
 }
 
 TEST(SocketTables, EachScanGivesOurEndpointWithItsOwner) {
-  test::EnsureWinsock();
   const bool wine = GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
   std::vector<SOCKET> own;
   // Other loopback addresses than 127.0.0.1: they must come through the scans.
