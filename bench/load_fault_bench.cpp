@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdio>
 #include <deque>
+#include <filesystem>
 #include <thread>
 #include <vector>
 
@@ -21,6 +22,18 @@ using namespace orvel;
 #include "support/harness.h"
 
 namespace {
+
+// sing-box-urltest-*.json files in the data directory.
+std::vector<std::wstring> UrlTestConfigFiles() {
+  std::vector<std::wstring> files;
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator(
+           std::filesystem::path(test::HelperDataDirectory()), ec)) {
+    const std::wstring name = entry.path().filename().wstring();
+    if (name.starts_with(L"sing-box-urltest-")) files.push_back(name);
+  }
+  return files;
+}
 
 constexpr int kLoadClients = 8;
 constexpr int kLoadPerClient = 1250;  // 10,000 requests in all
@@ -139,7 +152,7 @@ void RunCyclesAndUrlTests(test::ScopedHelper& helper, const bench::ProcessUsage&
               lostLines);
   Check(lostLines == 0, "every node reported with a delay");
   Check(WaitNoCores(5000), "no sing-box.exe left");
-  Check(test::UrlTestConfigFiles().empty(), "no temporary configuration left");
+  Check(UrlTestConfigFiles().empty(), "no temporary configuration left");
   const bench::ProcessUsage after = bench::MeasureProcess(helper.process.hProcess);
   std::printf("  usage after cycles and URL tests: %s\n  growth since the ping load: %s\n",
               bench::DescribeUsage(after).c_str(), bench::DescribeGrowth(afterLoad, after).c_str());
@@ -202,7 +215,7 @@ void RunClientHangsUpMidStream() {
   Check(got == 74, "the stream head arrived before the hang-up");
   Check(WaitForLog(completed, completedBefore, 15000), "the test ran to its end");
   Check(WaitNoCores(5000), "every test process ended");
-  const std::vector<std::wstring> left = test::UrlTestConfigFiles();
+  const std::vector<std::wstring> left = UrlTestConfigFiles();
   for (const std::wstring& name : left) std::printf("  left: %s\n", test::ToUtf8(name).c_str());
   Check(left.empty(), "the temporary file is gone");
 }

@@ -8,7 +8,6 @@
 //   "x-test-double":"..."   behaviour
 //   (absent)                 serve the controller if configured, stay up
 //   "fatal3"                 three coloured FATAL lines ("\n" ends), exit 1
-//   "fatal3-plain"           the same three lines without colour, "\r\n" ends
 //   "silent"                 no output, exit 1
 //   "die-after-N"            as absent for N ms, then exit 1 (N decimal)
 // Every run first records its invocation (DescribeInvocation) in
@@ -202,7 +201,7 @@ int RunCoreMode(const std::vector<std::wstring>& args) {
           ? ""
           : config.substr(start + key.size(),
                           config.find('"', start + key.size()) - start - key.size());
-  if (behaviour == "fatal3" || behaviour == "fatal3-plain") {
+  if (behaviour == "fatal3") {
     // What a configuration with an unknown member gets, in the colour-wrapped
     // form the real core writes even into a pipe.
     std::string text;
@@ -210,8 +209,7 @@ int RunCoreMode(const std::vector<std::wstring>& args) {
          {"[0000] decode config: json: unknown field \"x-test-double\"",
           "[0000] start service: start inbound/mixed[mixed-in]: listen tcp 127.0.0.1:2080",
           "[0000] exit status 1"}) {
-      text += behaviour == "fatal3" ? "\x1b[31mFATAL\x1b[0m" + std::string(line) + "\n"
-                                    : "FATAL" + std::string(line) + "\r\n";
+      text += "\x1b[31mFATAL\x1b[0m" + std::string(line) + "\n";
     }
     WriteOut(STD_ERROR_HANDLE, text);
     return 1;

