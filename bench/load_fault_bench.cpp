@@ -222,6 +222,7 @@ void RunClientHangsUpMidStream() {
 
 void RunConcurrentSessionsOneCancelled() {
   std::printf("fault: four URL test sessions at once, one cancelled\n");
+  test::ResetTestRecords();
   const char* ids[] = {"s-a", "s-b", "s-c", "s-d"};
   std::vector<test::UrlTestStream> streams(4);
   std::vector<double> closedMs(4);
@@ -233,7 +234,8 @@ void RunConcurrentSessionsOneCancelled() {
       closedMs[i] = (bench::NowUs() - start) / 1000.0;
     });
   }
-  std::this_thread::sleep_for(std::chrono::milliseconds(700));
+  // Every session's three processes have started: none of them can miss the cancel.
+  test::WaitForFetchRecords(12, 10000);
   const std::string answer = test::Request("POST", "/cancel-urltest", "s-b").body;
   for (std::thread& t : sessions) t.join();
   std::printf("  stream closed after: a %.0f ms, b %.0f ms (cancelled), c %.0f ms, d %.0f ms\n",

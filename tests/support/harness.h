@@ -362,7 +362,7 @@ inline std::map<std::string, std::string> ReadKeyValues(const std::wstring& path
     std::string& value = fields[line.substr(0, equals)] = line.substr(equals + 1);
     // The configuration comes last and keeps its line feeds.
     if (line.starts_with("configText=")) {
-      value += (lines.eof() ? "" : "\n") + std::string(std::istreambuf_iterator<char>(lines), {});
+      value.append(lines.eof() ? "" : "\n").append(std::istreambuf_iterator<char>(lines), {});
       break;
     }
   }
