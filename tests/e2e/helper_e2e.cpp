@@ -630,9 +630,9 @@ int FewestThreads(DWORD processId, int target, int polls) {
   return fewest;
 }
 
-// One snapshot alone, then two at once in each step (each connection builds
-// its own);
-// the double's controller is configured through the configuration sent.
+// One snapshot alone, then two at once in each step, as every connection
+// builds its own; the double's controller is configured through the
+// configuration sent.
 TEST_F(Helper, TrafficSnapshotFollowsTheControllerAndItsReaderLivesAndDiesWithTheCore) {
   // The fewest over half a second: a connection thread may still be ending.
   const DWORD pid = helper.process.dwProcessId;
