@@ -1,8 +1,7 @@
 #include "bench_stats.h"
 
-#include <windows.h>
-
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 
 namespace orvel::bench {
@@ -27,14 +26,9 @@ std::string Describe(const Summary& summary) {
 }
 
 double NowUs() {
-  static LARGE_INTEGER frequency = [] {
-    LARGE_INTEGER f;
-    QueryPerformanceFrequency(&f);
-    return f;
-  }();
-  LARGE_INTEGER now;
-  QueryPerformanceCounter(&now);
-  return static_cast<double>(now.QuadPart) * 1e6 / static_cast<double>(frequency.QuadPart);
+  return std::chrono::duration<double, std::micro>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
 }
 
 }  // namespace orvel::bench

@@ -15,7 +15,7 @@ struct Summary {
 Summary Summarize(std::vector<double> samplesUs);
 // "median 123.4 us, p99 456.7 us (n=1000)"
 std::string Describe(const Summary& summary);
-// Microseconds since an arbitrary fixed point (QueryPerformanceCounter).
+// Microseconds since an arbitrary fixed point (the steady clock).
 double NowUs();
 
 }  // namespace orvel::bench

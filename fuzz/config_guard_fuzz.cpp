@@ -55,7 +55,12 @@ struct NameScan {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view config(reinterpret_cast<const char*>(data), size);
   std::string refusal;
-  const bool accepted = orvel::CheckServiceConfig(config, refusal);
+  const bool accepted = orvel::CheckServiceConfig(config, orvel::PathRules::kWindows, refusal);
+  std::string linuxRefusal;
+  if (orvel::CheckServiceConfig(config, orvel::PathRules::kLinux, linuxRefusal) !=
+      linuxRefusal.empty()) {
+    std::abort();
+  }
   if (accepted != refusal.empty()) std::abort();
 
   NameScan scan;

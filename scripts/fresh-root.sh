@@ -73,6 +73,7 @@ cleanup() {
   done
   sleep 1
   for m in "${mounts[@]}"; do umount -R -l "$root/$m" 2>/dev/null; done
+  umount -R -l "$root" 2>/dev/null
   if grep -q " $root/" /proc/mounts; then
     echo "fresh-root: $root still has mounts; left in place" >&2
   else
@@ -81,6 +82,9 @@ cleanup() {
 }
 trap cleanup EXIT
 tar -C "$root" -xf "$base"
+# The root a mount point of its own: tests make throwaway mount namespaces
+# (unshare --mount), which need "/" to be one to make their mounts private.
+mount --bind "$root" "$root"
 cp /etc/resolv.conf "$root/etc/resolv.conf"
 git clone -q "$top" "$root/root/project"
 mount -t proc proc "$root/proc"

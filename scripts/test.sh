@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds both presets and runs every test:
-# the pure unit tests natively under ASan/UBSan, then the Windows build's unit
-# and end-to-end tests under Wine in a private prefix inside build/windows.
+# Installs what is missing, builds every preset and runs every test: the pure
+# unit tests natively under ASan/UBSan, the Linux helper's unit and end-to-end
+# tests natively, then the Windows build's unit and end-to-end tests under
+# Wine in a private prefix inside build/windows.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
-cmake --preset native >/dev/null
-cmake --build --preset native
-ctest --preset native
-cmake --preset windows >/dev/null
-cmake --build --preset windows
-ctest --preset windows
+for preset in native linux windows; do
+  echo "== $preset"
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset"
+  ctest --preset "$preset"
+done

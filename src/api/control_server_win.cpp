@@ -3,57 +3,18 @@
 
 #include <cstdint>
 
+#include "api/connection.h"
 #include "api/control_server.h"
-#include "api/http_request.h"
-#include "api/request_guard.h"
-#include "api/routes.h"
 #include "log/log_buffer.h"
 
 namespace orvel {
 
 namespace {
 
-void RespondHeadTooLarge(SOCKET socket) {
-  SendResponse(socket, "text/plain", "request too large", 413, "Payload Too Large");
-}
-
-// Reads one request, answers it and closes the socket on every path.
-void HandleConnection(SOCKET socket) {
-  RequestFrame frame;
-  char chunk[kReceiveChunkBytes] = {};
-  for (;;) {
-    const int received = recv(socket, chunk, sizeof(chunk), 0);
-    if (received <= 0) {
-      closesocket(socket);
-      return;
-    }
-    const FrameStatus status =
-        FeedRequestBytes(frame, std::string_view(chunk, static_cast<std::size_t>(received)));
-    if (status == FrameStatus::kHeadTooLarge) {
-      RespondHeadTooLarge(socket);
-      closesocket(socket);
-      return;
-    }
-    if (status == FrameStatus::kComplete) break;
-  }
-  const HttpRequest request = FinishRequest(frame);
-  const HeadRefusal refusal =
-      FindHeadRefusal(std::string_view(frame.buffer).substr(0, frame.headerEnd));
-  frame.buffer.clear();
-  frame.buffer.shrink_to_fit();
-  if (refusal.header.empty()) {
-    DispatchRequest(socket, request);
-  } else {
-    // A web page's request: no route runs, so nothing is started, stopped,
-    // written or read out.
-    HelperLog().Append(DescribeRefusal(request.method, request.path, refusal));
-    SendResponse(socket, "text/plain", "forbidden", 403, "Forbidden");
-  }
-  closesocket(socket);
-}
-
 DWORD WINAPI ConnectionThread(LPVOID parameter) {
-  HandleConnection(static_cast<SOCKET>(reinterpret_cast<std::uintptr_t>(parameter)));
+  const AcceptedConnection connection = *static_cast<AcceptedConnection*>(parameter);
+  delete static_cast<AcceptedConnection*>(parameter);
+  HandleConnection(connection);
   return 0;
 }
 
@@ -67,19 +28,22 @@ DWORD WINAPI ConnectionThread(LPVOID parameter) {
 // The stack is reserved at 256 KiB instead of the exe's default 1 MiB: every
 // open connection holds a thread (an idle client included), and the deepest
 // request path (a URL test stream or a snapshot) needs a few KiB of it.
-bool StartConnectionThread(SOCKET socket) {
+bool StartConnectionThread(const AcceptedConnection& connection) {
   constexpr SIZE_T kConnectionStackBytes = 256 * 1024;
-  HANDLE thread = CreateThread(nullptr, kConnectionStackBytes, ConnectionThread,
-                               reinterpret_cast<LPVOID>(static_cast<std::uintptr_t>(socket)),
+  auto* handed = new AcceptedConnection(connection);
+  HANDLE thread = CreateThread(nullptr, kConnectionStackBytes, ConnectionThread, handed,
                                STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
-  if (thread == nullptr) return false;
+  if (thread == nullptr) {
+    delete handed;
+    return false;
+  }
   CloseHandle(thread);
   return true;
 }
 
 }  // namespace
 
-int RunControlServer() {
+int RunControlServer(void (*listening)()) {
   HelperLog().Append("OrvelVpnHelper started");
   WSADATA wsaData{};
   if (WSAStartup(MAKEWORD(2, 2), &wsaData) != 0) return 1;
@@ -106,6 +70,7 @@ int RunControlServer() {
     WSACleanup();
     return 1;
   }
+  if (listening != nullptr) listening();
 
   for (;;) {
     SOCKET client = accept(listener, nullptr, nullptr);
@@ -113,7 +78,10 @@ int RunControlServer() {
     // Windows carries the listener's no-inherit flag over to accepted sockets
     // but Wine does not; clearing it here makes both behave alike.
     SetHandleInformation(reinterpret_cast<HANDLE>(client), HANDLE_FLAG_INHERIT, 0);
-    if (!StartConnectionThread(client)) closesocket(client);
+    AcceptedConnection connection;
+    if (!AdmitAcceptedConnection(static_cast<SocketHandle>(client), connection)) continue;
+    // No thread, no answer: the connection is closed rather than the helper ended.
+    if (!StartConnectionThread(connection)) DropConnection(connection);
   }
 }
 

@@ -1,5 +1,7 @@
 #include "api/json_text.h"
 
+#include "core/host_platform.h"
+
 namespace orvel {
 
 std::string JsonEscape(std::string_view text) {
@@ -30,7 +32,9 @@ std::string JsonEscape(std::string_view text) {
 std::string BuildStatusBody(std::string_view status, std::string_view message) {
   std::string body = "{\"status\":\"";
   body += JsonEscape(status);
-  body += "\",\"platform\":\"windows\",\"message\":\"";
+  body += "\",\"platform\":\"";
+  body += ThisPlatform().name;
+  body += "\",\"message\":\"";
   body += JsonEscape(message);
   body += "\"}";
   return body;

@@ -10,7 +10,8 @@ namespace orvel {
 // client application expects this narrow form.
 std::string JsonEscape(std::string_view text);
 
-// {"status":"…","platform":"windows","message":"…"} with no white space.
+// {"status":"…","platform":"<windows or linux>","message":"…"} with no white
+// space.
 std::string BuildStatusBody(std::string_view status, std::string_view message);
 
 }  // namespace orvel

@@ -1,12 +1,22 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 
 namespace orvel {
 
-// A connected socket as the platform knows it (a Winsock SOCKET on Windows).
+// A connected socket as the platform knows it (a Winsock SOCKET on Windows, a
+// descriptor on Linux).
 using SocketHandle = std::uintptr_t;
+
+// One receive that waits at most `timeoutMs`: the byte count, 0 when the peer
+// has closed, kReceiveTimedOut when nothing came in time, another negative
+// value on error.
+constexpr long kReceiveTimedOut = -2;
+long ReceiveBytesWithin(SocketHandle socket, char* buffer, std::size_t size, int timeoutMs);
+
+void CloseSocket(SocketHandle socket);
 
 // One send call with the whole text; the result is ignored and a partial send
 // is not continued (answers are small and the client reads to end-of-stream).

@@ -3,7 +3,6 @@
 #include <climits>
 #include <string>
 
-#include "api/http_request.h"
 #include "api/socket_io.h"
 
 namespace orvel {
@@ -13,9 +12,18 @@ void SendBytes(SocketHandle socket, std::string_view bytes) {
   send(static_cast<SOCKET>(socket), bytes.data(), length, 0);
 }
 
-void SendResponse(SocketHandle socket, std::string_view contentType, std::string_view body,
-                  int status, std::string_view reason) {
-  SendBytes(socket, BuildResponse(contentType, body, status, reason));
+long ReceiveBytesWithin(SocketHandle socket, char* buffer, std::size_t size, int timeoutMs) {
+  fd_set readable;
+  FD_ZERO(&readable);
+  FD_SET(static_cast<SOCKET>(socket), &readable);
+  timeval timeout{timeoutMs / 1000, (timeoutMs % 1000) * 1000};
+  const int ready = select(0, &readable, nullptr, nullptr, &timeout);
+  if (ready == 0) return kReceiveTimedOut;
+  if (ready < 0) return -1;
+  const int length = size > INT_MAX ? INT_MAX : static_cast<int>(size);
+  return recv(static_cast<SOCKET>(socket), buffer, length, 0);
 }
+
+void CloseSocket(SocketHandle socket) { closesocket(static_cast<SOCKET>(socket)); }
 
 }  // namespace orvel

@@ -96,13 +96,15 @@ bool IsDeviceName(std::string_view segment) {
   return rest == "\xC2\xB9" || rest == "\xC2\xB2" || rest == "\xC2\xB3";
 }
 
-bool CheckSegment(std::string_view segment, std::string& reason) {
+bool CheckSegment(std::string_view segment, PathRules rules, std::string& reason) {
   if (segment.empty()) {
     reason = "has an empty segment";
   } else if (segment == ".") {
     reason = "has a '.' segment";
   } else if (segment == "..") {
     reason = "climbs out of the data directory with '..'";
+  } else if (rules == PathRules::kLinux) {
+    return true;
   } else if (segment.back() == '.' || segment.back() == ' ') {
     // Windows drops trailing dots and spaces, so "... " and "nul." are not
     // what they seem.
@@ -160,6 +162,7 @@ struct Frame {
 // Walks the parser's events with an explicit stack of containers, so depth
 // costs heap, not C++ stack, and stops at kMaxConfigDepth.
 struct GuardWalker {
+  PathRules rules = PathRules::kWindows;
   std::vector<Frame> frames;
   std::string path;  // shown JSON path of the value being read
   std::uint64_t order = 0;
@@ -213,17 +216,17 @@ struct GuardWalker {
           Offer(place.order, path + " is tor, which runs a program");
         break;
       case MemberKind::kFilePath:
-        if (!CheckDataRelativePath(value, reason)) Offer(place.order, path + " " + reason);
+        if (!CheckDataRelativePath(value, rules, reason)) Offer(place.order, path + " " + reason);
         break;
       case MemberKind::kPath:
-        if (!CheckDataRelativePath(value, reason)) {
+        if (!CheckDataRelativePath(value, rules, reason)) {
           OfferLater(judge.filePathInPath, place.order, path + " " + reason);
         } else if (judge.openedBy == "dashboard" && !place.inArray) {
           judge.downloadTargetSafe = true;
         }
         break;
       case MemberKind::kExternalUi:
-        if (!CheckDataRelativePath(value, reason)) {
+        if (!CheckDataRelativePath(value, rules, reason)) {
           Offer(place.order, path + " " + reason);
         } else if (judge.openedBy != "dashboard" && !place.inArray) {
           judge.downloadTargetSafe = true;
@@ -343,36 +346,44 @@ struct GuardWalker {
 
 }  // namespace
 
-bool CheckDataRelativePath(std::string_view path, std::string& reason) {
+bool CheckDataRelativePath(std::string_view path, PathRules rules, std::string& reason) {
   if (path.empty()) return true;
-  if (IsSeparator(path[0])) {
+  // Linux: '/' is the only separator and the only root; the core's own
+  // "~/..." expansion reaches a home directory; a NUL would cut the name the
+  // system sees short of the one judged here. Backslashes and colons are
+  // ordinary bytes there.
+  const bool windows = rules == PathRules::kWindows;
+  if (windows && IsSeparator(path[0])) {
     // "\\server\share", "\\?\C:\..." and "\\.\pipe\..." all start this way.
     reason = path.size() > 1 && IsSeparator(path[1]) ? "is a UNC or device path"
                                                      : "starts at the root of a drive";
-    return false;
-  }
-  if (path.find(':') != std::string_view::npos) {
+  } else if (!windows && path[0] == '/') {
+    reason = "starts at the root of the file system";
+  } else if (!windows && path[0] == '~') {
+    reason = "starts at a home directory ('~')";
+  } else if (windows && path.find(':') != std::string_view::npos) {
     reason = "contains ':' (a drive, stream or device)";
-    return false;
-  }
-  if (path.find('$') != std::string_view::npos) {
+  } else if (!windows && path.find('\0') != std::string_view::npos) {
+    reason = "contains a NUL byte";
+  } else if (path.find('$') != std::string_view::npos) {
     reason = "contains '$' (the core expands environment variables)";
-    return false;
-  }
-  std::size_t start = 0;
-  for (;;) {
-    const std::size_t end = path.find_first_of("\\/", start);
-    if (!CheckSegment(path.substr(start, end == std::string_view::npos ? end : end - start),
-                      reason)) {
-      return false;
+  } else {
+    const std::string_view separators = windows ? "\\/" : "/";
+    for (std::size_t start = 0;;) {
+      const std::size_t end = path.find_first_of(separators, start);
+      const std::string_view segment =
+          path.substr(start, end == std::string_view::npos ? end : end - start);
+      if (!CheckSegment(segment, rules, reason)) return false;
+      if (end == std::string_view::npos) return true;
+      start = end + 1;
     }
-    if (end == std::string_view::npos) return true;
-    start = end + 1;
   }
+  return false;
 }
 
-bool CheckServiceConfig(std::string_view config, std::string& refusal) {
+bool CheckServiceConfig(std::string_view config, PathRules rules, std::string& refusal) {
   GuardWalker walker;
+  walker.rules = rules;
   const bool parsed = Json::sax_parse(config.begin(), config.end(), &walker,
                                       Json::input_format_t::json, true, true);
   if (walker.tooDeep) {

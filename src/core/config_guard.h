@@ -4,6 +4,8 @@
 #include <string>
 #include <string_view>
 
+#include "core/host_platform.h"
+
 namespace orvel {
 
 // Deeper configurations are refused; real ones stay well below 20 levels.
@@ -21,11 +23,13 @@ constexpr std::size_t kMaxConfigDepth = 64;
 // unescaping and without regard to case (including the two non-ASCII letters
 // that fold to 's' and 'k'); every occurrence of a repeated member counts.
 // Comments are accepted, as the core accepts them.
-bool CheckServiceConfig(std::string_view config, std::string& refusal);
+bool CheckServiceConfig(std::string_view config, PathRules rules, std::string& refusal);
 
 // The rule for every file or directory named in a configuration: empty (the
 // member's default), or a relative path of plain segments that stays inside
-// the working directory. False with the reason otherwise.
-bool CheckDataRelativePath(std::string_view path, std::string& reason);
+// the working directory. False with the reason otherwise. Windows also knows
+// drives, streams, devices and backslashes; on Linux a backslash or a colon
+// is an ordinary byte, but "~" (a home directory to the core) and NUL are not.
+bool CheckDataRelativePath(std::string_view path, PathRules rules, std::string& reason);
 
 }  // namespace orvel

@@ -1,35 +1,25 @@
 #pragma once
 
-#include <cstdint>
+#include <filesystem>
 #include <string>
 
 namespace orvel {
 
-// The one main core process (sing-box.exe run -c ...). The handles are the
-// operating system's (HANDLE on Windows). A non-null process handle means a
-// core was started and not stopped since; whether it still runs is asked of
-// the system each time. There is no lock: commands come one at a time.
-struct CoreProcess {
-  void* process = nullptr;
-  void* thread = nullptr;
-  std::uint32_t processId = 0;  // kept after a stop, for diagnosis only
-  std::uint32_t threadId = 0;
-};
+// The one main core process (sing-box run -c ...), recorded by the platform
+// file (core_process_win.cpp, core_process_linux.cpp). A core that was
+// started and not stopped since is asked of the system each time whether it
+// still runs. There is no lock: commands come one at a time.
 
-// Finds sing-box.exe, launches it with `configPath` in the data directory
-// (which must exist) and waits 800 ms. True when it still runs then. A core
-// that died in that time is explained by its first output in `errorMessage`.
-// The caller must have stopped any previous core: the record is overwritten.
-bool StartCore(const std::wstring& configPath, std::string& errorMessage);
-// Terminates a running core (exit code 0, waiting up to 3 s) and closes its
-// handles. Safe at any time, any number of times. Logs nothing.
+// Finds the core, launches it with `configPath` in the data directory (which
+// must exist) and waits 800 ms. True when it still runs then. A core that died
+// in that time is explained by its first output in `errorMessage`. The caller
+// must have stopped any previous core: the record is overwritten.
+bool StartCore(const std::filesystem::path& configPath, std::string& errorMessage);
+// Stops a running core (Windows: terminated at once; Linux: SIGTERM, then
+// SIGKILL after 3 s) and forgets it. Safe at any time, any number of times.
+// Logs nothing.
 void StopCore();
 // A core was started, not stopped, and the system still reports it running.
 bool IsCoreRunning();
-// A handle of its own (waitable, not inheritable) to the recorded core's
-// process, for a thread that must end with the core without touching the
-// record, which a stop clears at any moment; null when there is none. The
-// caller closes it.
-void* DuplicateCoreProcessHandle();
 
 }  // namespace orvel

@@ -5,6 +5,7 @@
 #include "core/child_launch_win.h"
 #include "core/core_output.h"
 #include "core/core_process.h"
+#include "core/host_platform.h"
 #include "core/paths.h"
 
 namespace orvel {
@@ -45,7 +46,7 @@ bool IsCoreRunning() {
   return GetExitCodeProcess(MainCore.process, &exitCode) && exitCode == STILL_ACTIVE;
 }
 
-void* DuplicateCoreProcessHandle() {
+HANDLE DuplicateCoreProcessHandle() {
   HANDLE copy = nullptr;
   if (MainCore.process == nullptr ||
       !DuplicateHandle(GetCurrentProcess(), MainCore.process, GetCurrentProcess(), &copy,
@@ -72,10 +73,11 @@ void StopCore() {
   }
 }
 
-bool StartCore(const std::wstring& configPath, std::string& errorMessage) {
-  const std::wstring exe = FindCoreExecutable();
+bool StartCore(const std::filesystem::path& config, std::string& errorMessage) {
+  const std::wstring exe = FindCoreExecutable().wstring();
+  const std::wstring& configPath = config.native();
   if (exe.empty()) {
-    errorMessage = "sing-box.exe not found; place it next to the app exe or in the data directory";
+    errorMessage = ThisPlatform().coreNotFound;
     return false;
   }
   // Paths are quoted but not escaped: neither can contain a double quote.
@@ -90,11 +92,11 @@ bool StartCore(const std::wstring& configPath, std::string& errorMessage) {
   SetCoreEnvironmentVariables();
   PROCESS_INFORMATION info{};
   DWORD launchError = 0;
-  if (!LaunchChild(commandLine, GetStdHandle(STD_INPUT_HANDLE), writeEnd, GetDataDirectory(), info,
-                   launchError)) {
+  if (!LaunchChild(commandLine, GetStdHandle(STD_INPUT_HANDLE), writeEnd,
+                   GetDataDirectory().wstring(), info, launchError)) {
     CloseHandle(readEnd);
     CloseHandle(writeEnd);
-    errorMessage = "Failed to start sing-box.exe: " + std::to_string(launchError);
+    errorMessage = std::string(ThisPlatform().coreLaunchFailed) + std::to_string(launchError);
     return false;
   }
   // Our copy of the write end must go at once: the pipe reports its end only
@@ -116,8 +118,8 @@ bool StartCore(const std::wstring& configPath, std::string& errorMessage) {
   const std::string output = DrainPipeOutput(readEnd);
   StopCore();
   CloseHandle(readEnd);
-  errorMessage =
-      "sing-box.exe exited immediately: " + SummarizeCoreOutput(output, kCoreOutputSummaryLimit);
+  errorMessage = std::string(ThisPlatform().coreExitedImmediately) +
+                 SummarizeCoreOutput(output, kCoreOutputSummaryLimit);
   return false;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <string>
 #include <string_view>
 
@@ -7,12 +8,13 @@ namespace orvel {
 
 // Creates `directory` with every missing parent folder. An existing directory
 // is success. On failure `errorMessage` holds the operating system's text for
-// the error code.
-bool CreateDirectoryTree(const std::wstring& directory, std::string& errorMessage);
+// the error code. Linux makes the folders it creates private (0700): the data
+// directory holds the user's configuration.
+bool CreateDirectoryTree(const std::filesystem::path& directory, std::string& errorMessage);
 
 // Replaces the file at `path` with `bytes` (binary, truncating, other programs
 // may keep it open) and closes it. False when the open, a write or the close
 // failed.
-bool WriteWholeFile(const std::wstring& path, std::string_view bytes);
+bool WriteWholeFile(const std::filesystem::path& path, std::string_view bytes);
 
 }  // namespace orvel

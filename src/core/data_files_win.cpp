@@ -26,7 +26,8 @@ DWORD CreateOneDirectory(const std::wstring& path) {
 
 }  // namespace
 
-bool CreateDirectoryTree(const std::wstring& directory, std::string& errorMessage) {
+bool CreateDirectoryTree(const std::filesystem::path& path, std::string& errorMessage) {
+  const std::wstring& directory = path.native();
   // Each missing prefix that ends before a separator, then the whole path.
   // Failures on the way are not decisive (a share name "\\server" cannot be
   // created and need not be): the whole path's own result decides.
@@ -41,7 +42,7 @@ bool CreateDirectoryTree(const std::wstring& directory, std::string& errorMessag
   return false;
 }
 
-bool WriteWholeFile(const std::wstring& path, std::string_view bytes) {
+bool WriteWholeFile(const std::filesystem::path& path, std::string_view bytes) {
   HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE,
                             FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                             CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <string>
+#include <filesystem>
 
 namespace orvel {
 
@@ -8,16 +8,17 @@ namespace orvel {
 // directory is created here.
 
 // Full path of the helper's own executable, or "".
-std::wstring GetExecutablePath();
-// Folder holding the executable, or "." when the module name cannot be read.
-std::wstring GetExecutableDirectory();
-// <roaming application data>\OrvelVPN; the executable's folder (without the
-// suffix) when the known folder cannot be looked up.
-std::wstring GetDataDirectory();
-// GetDataDirectory() + "\sing-box.json".
-std::wstring GetCoreConfigPath();
-// sing-box.exe beside the executable, then in its "data" sub-folder, then on
-// the system search path; "" when none is found.
-std::wstring FindCoreExecutable();
+std::filesystem::path GetExecutablePath();
+// Folder holding the executable, or "." when its name cannot be read.
+std::filesystem::path GetExecutableDirectory();
+// Windows: <roaming application data>\OrvelVPN, or the executable's folder
+// (without the suffix) when the known folder cannot be looked up.
+// Linux: the service's state directory, or the user's data home + /OrvelVPN.
+std::filesystem::path GetDataDirectory();
+// The data directory's sing-box.json.
+std::filesystem::path GetCoreConfigPath();
+// The core beside the executable, then in its "data" sub-folder, then on the
+// system search path; "" when none is found.
+std::filesystem::path FindCoreExecutable();
 
 }  // namespace orvel

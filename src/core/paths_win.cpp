@@ -47,12 +47,12 @@ bool PathExists(const std::wstring& path) {
 
 }  // namespace
 
-std::wstring GetExecutablePath() {
+std::filesystem::path GetExecutablePath() {
   std::wstring path;
   return ReadModuleFileName(path) ? path : std::wstring();
 }
 
-std::wstring GetExecutableDirectory() {
+std::filesystem::path GetExecutableDirectory() {
   std::wstring path;
   if (!ReadModuleFileName(path)) return L".";
   // A name cut at the buffer's end may carry its terminating zero in the
@@ -63,7 +63,7 @@ std::wstring GetExecutableDirectory() {
   return std::filesystem::path(path).parent_path().wstring();
 }
 
-std::wstring GetDataDirectory() {
+std::filesystem::path GetDataDirectory() {
   PWSTR roaming = nullptr;
   if (SUCCEEDED(SHGetKnownFolderPath(FOLDERID_RoamingAppData, 0, nullptr, &roaming))) {
     std::wstring result(roaming);
@@ -74,10 +74,12 @@ std::wstring GetDataDirectory() {
   return GetExecutableDirectory();
 }
 
-std::wstring GetCoreConfigPath() { return GetDataDirectory() + L"\\sing-box.json"; }
+std::filesystem::path GetCoreConfigPath() {
+  return GetDataDirectory().wstring() + L"\\sing-box.json";
+}
 
-std::wstring FindCoreExecutable() {
-  const std::wstring directory = GetExecutableDirectory();
+std::filesystem::path FindCoreExecutable() {
+  const std::wstring directory = GetExecutableDirectory().wstring();
   const std::wstring candidates[] = {directory + L"\\sing-box.exe",
                                      directory + L"\\data\\sing-box.exe"};
   for (const std::wstring& candidate : candidates) {

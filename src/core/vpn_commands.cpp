@@ -4,6 +4,7 @@
 #include "core/config_guard.h"
 #include "core/core_process.h"
 #include "core/data_files.h"
+#include "core/host_platform.h"
 #include "core/mixed_port.h"
 #include "core/paths.h"
 #include "core/run_mode.h"
@@ -15,7 +16,7 @@ namespace orvel {
 
 namespace {
 
-std::string Disconnected(const std::string& message) {
+std::string Disconnected(std::string_view message) {
   return BuildStatusBody("disconnected", message);
 }
 
@@ -31,7 +32,7 @@ bool WriteConfigAndStartCore(const std::string& body, std::string& answer) {
     return false;
   }
   std::string refusal;
-  if (IsRunningAsService() && !CheckServiceConfig(body, refusal)) {
+  if (IsRunningAsService() && !CheckServiceConfig(body, ThisPlatform().pathRules, refusal)) {
     // Refused before anything changes: the running core and the user's proxy
     // stay as they are and nothing is written.
     const std::string message = "configuration refused by the service: " + refusal;
@@ -49,7 +50,7 @@ bool WriteConfigAndStartCore(const std::string& body, std::string& answer) {
     answer = Disconnected(errorMessage);
     return false;
   }
-  const std::wstring configPath = GetCoreConfigPath();
+  const std::filesystem::path configPath = GetCoreConfigPath();
   if (!WriteWholeFile(configPath, body)) {
     answer = Disconnected("Failed to write sing-box config");
     return false;
@@ -79,14 +80,14 @@ std::string HandleStart(const std::string& body) {
     return Disconnected(errorMessage);
   }
   HelperLog().Append("VPN started through OrvelVpnHelper");
-  return BuildStatusBody("connected", "Windows helper connected");
+  return BuildStatusBody("connected", ThisPlatform().connected);
 }
 
 std::string HandleStartTun(const std::string& body) {
   std::string answer;
   if (!WriteConfigAndStartCore(body, answer)) return answer;
-  HelperLog().Append("TUN VPN started through OrvelVpnHelperService");
-  return BuildStatusBody("connected", "Windows TUN helper connected");
+  HelperLog().Append(ThisPlatform().tunStartedLog);
+  return BuildStatusBody("connected", ThisPlatform().tunConnected);
 }
 
 std::string HandleStop() {
@@ -95,12 +96,12 @@ std::string HandleStop() {
   RetireTrafficReader();
   StopCore();
   HelperLog().Append("VPN stopped through OrvelVpnHelper");
-  return Disconnected("Windows helper disconnected");
+  return Disconnected(ThisPlatform().disconnected);
 }
 
 std::string HandleStatus() {
   // Asked twice, once per field; the answers normally agree.
-  const char* message = IsCoreRunning() ? "Windows helper running" : "Windows helper idle";
+  const std::string_view message = IsCoreRunning() ? ThisPlatform().running : ThisPlatform().idle;
   return BuildStatusBody(IsCoreRunning() ? "connected" : "disconnected", message);
 }
 

@@ -6,6 +6,7 @@
 
 #include "api/control_server.h"
 #include "entry/service_host.h"
+#include "entry/shutdown.h"
 #include "sysproxy/system_proxy.h"
 
 namespace {

@@ -18,8 +18,4 @@ int InstallService();
 // The service entry handed to the dispatcher.
 void WINAPI ServiceMain(DWORD argc, LPWSTR* argv);
 
-// Puts the user's proxy settings back, then stops the core. Shared by the
-// service stop and the stand-alone listener failure path.
-void RestoreProxyThenStopCore();
-
 }  // namespace orvel

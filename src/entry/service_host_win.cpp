@@ -8,6 +8,7 @@
 #include "core/paths.h"
 #include "core/run_mode.h"
 #include "entry/service_host.h"
+#include "entry/shutdown.h"
 #include "sysproxy/system_proxy.h"
 
 namespace orvel {
@@ -46,7 +47,7 @@ void WINAPI ServiceControlHandler(DWORD control) {
 }  // namespace
 
 int InstallService() {
-  const std::wstring modulePath = GetExecutablePath();
+  const std::wstring modulePath = GetExecutablePath().wstring();
   if (modulePath.empty()) return 1;
   SC_HANDLE manager =
       OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT | SC_MANAGER_CREATE_SERVICE);

@@ -1,25 +1,44 @@
 #include <windows.h>
 
+#include <system_error>
+
 #include "core/data_files.h"
 #include "core/paths.h"
 #include "sysproxy/system_proxy_win.h"
 
 namespace orvel {
 
-std::wstring GetProxyStatePath() { return GetDataDirectory() + L"\\proxy-state.txt"; }
+std::wstring GetProxyStatePath() { return GetDataDirectory().wstring() + L"\\proxy-state.txt"; }
 
-bool WriteProxyStateFile(const SavedProxyState& state) {
+namespace {
+
+// The step that failed and the system's text for the last error.
+bool Fail(const char* step, std::string& reason) {
+  reason =
+      std::string(step) + ": " + std::system_category().message(static_cast<int>(GetLastError()));
+  return false;
+}
+
+}  // namespace
+
+bool WriteProxyStateFile(const SavedProxyState& state, std::string& reason) {
   // Refused rather than written: a helper that starts later would not read it.
   const std::string bytes = EncodeProxyState(state);
-  if (bytes.size() > kMaxProxyStateBytes) return false;
-  std::string ignored;
-  if (!CreateDirectoryTree(GetDataDirectory(), ignored)) return false;
+  if (bytes.size() > kMaxProxyStateBytes) {
+    reason = "the settings are too large to keep";
+    return false;
+  }
+  std::string directoryError;
+  if (!CreateDirectoryTree(GetDataDirectory(), directoryError)) {
+    reason = "data directory: " + directoryError;
+    return false;
+  }
 
   const std::wstring path = GetProxyStatePath();
   const std::wstring temporary = path + L".tmp";
   HANDLE file = CreateFileW(temporary.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
                             FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (file == INVALID_HANDLE_VALUE) return false;
+  if (file == INVALID_HANDLE_VALUE) return Fail("create", reason);
   DWORD written = 0;
   // Flushed before the rename: otherwise a power cut could leave the new name
   // pointing at data that never reached the disk.
@@ -32,6 +51,7 @@ bool WriteProxyStateFile(const SavedProxyState& state) {
                   MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) {
     return true;
   }
+  Fail(complete && closed ? "rename" : "write", reason);
   DeleteFileW(temporary.c_str());
   return false;
 }

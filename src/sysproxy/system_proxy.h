@@ -1,32 +1,30 @@
 #pragma once
 
-#include <cstdint>
 #include <string>
 
 namespace orvel {
 
-// The user's proxy values as they were before the helper first pointed the
-// system proxy at the core. Held in memory, and also on disk in the proxy
-// state file (sysproxy/proxy_state.h) for as long as the helper's own values
-// may be in the registry, so that a helper started after a crash can repair
-// what a helper that ended while `saved` was true left behind.
-struct SystemProxySettings {
-  bool saved = false;
-  std::uint32_t proxyEnable = 0;  // 0 when the value was absent
-  std::wstring proxyServer;       // "" when absent or not a string
-  std::wstring proxyOverride;     // "" when absent or not a string
-};
+// The user's own proxy settings are saved before the helper first points the
+// system proxy at the core, held in memory (SystemProxySettings in the
+// platform header), and also on disk for as long as the helper's own values
+// may be in place, so that a helper started after a crash can put them back.
+//
+// All of these work on the per-user settings of the account the helper runs
+// as (Windows: the Internet Settings key; Linux: the desktop's proxy
+// settings). Failures return false with a fixed message in `errorMessage`,
+// which is left untouched on success. No lock: commands are expected one at
+// a time.
 
-// All of these work on the per-user Internet Settings key of the account the
-// helper runs as. Failures return false with a fixed message in
-// `errorMessage`, which is left untouched on success. No lock: commands are
-// expected one at a time.
+// The log line's start when the proxy state file cannot be written; the
+// reason follows. The start goes on without crash recovery.
+constexpr const char* kCrashRecoveryOff =
+    "Crash recovery is off for this start: the saved proxy settings could not be written: ";
 
 // Takes the snapshot unless one is already held (so repeated enables keep the
 // user's values, never the helper's own).
 bool SaveSystemProxy(std::string& errorMessage);
-// Snapshot, then the proxy state file (no registry change when it cannot be
-// written), then ProxyEnable=1, ProxyServer at 127.0.0.1:port, the loopback
+// Snapshot, then the proxy state file (logged and passed over when it cannot
+// be written), then ProxyEnable=1, ProxyServer at 127.0.0.1:port, the loopback
 // bypass list, and the change notification. Writes made before a failure are
 // not undone here: the caller restores.
 bool EnableSystemProxy(int port, std::string& errorMessage);
@@ -35,9 +33,6 @@ bool EnableSystemProxy(int port, std::string& errorMessage);
 // nothing is saved. On failure the snapshot and the file stay so that the
 // next restore tries again.
 bool RestoreSystemProxy(std::string& errorMessage);
-// "Settings changed", then (only if that worked) "refresh", through WinINet.
-bool NotifyProxySettingsChanged();
-
 // Start-up, before the listener opens: a proxy state file means the last
 // helper ended while its values were in the registry. The user's values go
 // back (and WinINet is told) only while ProxyServer still holds the helper's

@@ -102,10 +102,14 @@ bool EnableSystemProxy(int port, std::string& errorMessage) {
   const std::wstring helperServer = BuildProxyServerValue(port);
   // On disk before the first registry write: from here on a crash at any
   // moment leaves what the next helper needs to put the user's values back.
-  if (!WriteProxyStateFile({SavedProxy.proxyEnable, SavedProxy.proxyServer,
-                            SavedProxy.proxyOverride, helperServer})) {
-    errorMessage = "Failed to save Windows proxy settings";
-    return false;
+  // A file that cannot be written costs only that: the values are still held
+  // in memory and go back at the stop, and the client could do nothing about
+  // a refusal.
+  std::string reason;
+  if (!WriteProxyStateFile(
+          {SavedProxy.proxyEnable, SavedProxy.proxyServer, SavedProxy.proxyOverride, helperServer},
+          reason)) {
+    HelperLog().Append(std::string(kCrashRecoveryOff) + reason);
   }
   HKEY key = nullptr;
   if (RegOpenKeyExW(HKEY_CURRENT_USER, kInternetSettingsKey, 0, KEY_SET_VALUE, &key) !=

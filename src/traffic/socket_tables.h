@@ -31,6 +31,10 @@ void ScanTcp6(const ObservationSink& sink);
 void ScanUdp4(const ObservationSink& sink);
 void ScanUdp6(const ObservationSink& sink);
 
+// The four scans in that order, as one snapshot needs them (on Linux the
+// owners of all four tables come from one pass over the processes).
+void ScanAllTables(const ObservationSink& sink);
+
 // File name of the process's image in UTF-8 ("chrome.exe"), "pid-<id>" when
 // the process cannot be opened or its image name read, and "" when a name
 // exists but cannot be converted. Looked up afresh on every call.

@@ -144,6 +144,13 @@ void ScanUdp6(const ObservationSink& sink) {
       });
 }
 
+void ScanAllTables(const ObservationSink& sink) {
+  ScanTcp4(sink);
+  ScanTcp6(sink);
+  ScanUdp4(sink);
+  ScanUdp6(sink);
+}
+
 std::string ProcessNameForPid(std::uint32_t pid) {
   const std::string unnamed = "pid-" + std::to_string(pid);
   std::wstring name;

@@ -1,47 +1,17 @@
 #include <winsock2.h>
 
 #include <algorithm>
-#include <mutex>
 
-#include "core/core_process.h"
+#include "core/core_process_win.h"
 #include "core/win_handle.h"
 #include "traffic/controller_socket_win.h"
 #include "traffic/core_stats_client.h"
 #include "traffic/traffic_reader.h"
+#include "traffic/traffic_sample_slot.h"
 
 namespace orvel {
 
 namespace {
-
-// The latest sample and whose it is. Each start gets a new generation; only
-// the current generation may store, and only its sample is handed out, so a
-// sample of a core that was stopped or replaced is never taken for the new
-// core's, however late its reader notices.
-struct TrafficSampleSlot {
-  std::mutex lock;
-  std::uint64_t generation = 0;
-  std::string sample;  // "" when the current reader has none
-  std::uint64_t arrivedMs = 0;
-};
-
-TrafficSampleSlot& Slot() {
-  static TrafficSampleSlot slot;
-  return slot;
-}
-
-bool IsCurrent(std::uint64_t generation) {
-  std::lock_guard<std::mutex> hold(Slot().lock);
-  return Slot().generation == generation;
-}
-
-// An empty `sample` forgets the one held.
-void StoreSample(std::uint64_t generation, const std::string& sample) {
-  TrafficSampleSlot& slot = Slot();
-  std::lock_guard<std::mutex> hold(slot.lock);
-  if (slot.generation != generation) return;
-  slot.sample = sample;
-  slot.arrivedMs = GetTickCount64();
-}
 
 // One connection: connect, ask, and store every sample until the stream ends
 // or fails, or the core ends. The socket is closed on every path. True when
@@ -77,7 +47,7 @@ bool ReadStreamOnce(HANDLE core, std::uint64_t generation) {
         pending.append(chunk, static_cast<std::size_t>(received));
       }
       if (TakeLatestTrafficSample(pending, sample)) {
-        StoreSample(generation, sample);
+        StoreTrafficSample(generation, sample);
         sampled = true;
       }
     }
@@ -97,10 +67,12 @@ void ReadTrafficStream(HANDLE core, std::uint64_t generation) {
   DWORD pauseMs = kTrafficReaderRetryMs;
   for (;;) {
     if (ReadStreamOnce(process.h, generation)) pauseMs = kTrafficReaderRetryMs;
-    if (WaitForSingleObject(process.h, pauseMs) != WAIT_TIMEOUT || !IsCurrent(generation)) break;
+    if (WaitForSingleObject(process.h, pauseMs) != WAIT_TIMEOUT ||
+        !IsCurrentTrafficReader(generation))
+      break;
     pauseMs = std::min<DWORD>(pauseMs * 2, kTrafficReaderMaxRetryMs);
   }
-  StoreSample(generation, {});
+  StoreTrafficSample(generation, {});
 }
 
 struct ReaderStart {
@@ -118,13 +90,7 @@ DWORD WINAPI ReaderThread(LPVOID parameter) {
 }  // namespace
 
 void StartTrafficReader() {
-  std::uint64_t generation = 0;
-  {
-    TrafficSampleSlot& slot = Slot();
-    std::lock_guard<std::mutex> hold(slot.lock);
-    generation = ++slot.generation;
-    slot.sample.clear();
-  }
+  const std::uint64_t generation = BeginTrafficReaderGeneration();
   HANDLE core = DuplicateCoreProcessHandle();
   if (core == nullptr) return;
   // A plain Windows thread, not a detached std::thread: the MinGW threads
@@ -141,23 +107,6 @@ void StartTrafficReader() {
     return;
   }
   CloseHandle(thread);
-}
-
-void RetireTrafficReader() {
-  TrafficSampleSlot& slot = Slot();
-  std::lock_guard<std::mutex> hold(slot.lock);
-  ++slot.generation;
-  slot.sample.clear();
-}
-
-bool TakeFreshTrafficSample(std::string& sample) {
-  TrafficSampleSlot& slot = Slot();
-  std::lock_guard<std::mutex> hold(slot.lock);
-  if (slot.sample.empty() || GetTickCount64() - slot.arrivedMs > kTrafficSampleMaxAgeMs) {
-    return false;
-  }
-  sample = slot.sample;
-  return true;
 }
 
 }  // namespace orvel

@@ -14,10 +14,7 @@ std::string BuildProcessEntries() {
   const ObservationSink sink = [&list](const SocketObservation& observation) {
     AppendProcessEntry(list, observation);
   };
-  ScanTcp4(sink);
-  ScanTcp6(sink);
-  ScanUdp4(sink);
-  ScanUdp6(sink);
+  ScanAllTables(sink);
   list.text += ']';
   return list.text;
 }

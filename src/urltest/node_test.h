@@ -1,12 +1,13 @@
 #pragma once
 
-// Measures one node: a short-lived sing-box.exe runs its fetch tool through
+// Measures one node: a short-lived core process runs its fetch tool through
 // the node's outbound, and the node's delay is the whole life of that process
 // as the helper sees it (start-up, fetch and exit). Nothing in the process's
 // output is parsed.
 
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <string>
 
 #include "urltest/urltest_body.h"
@@ -31,10 +32,7 @@ struct NodeTestResult {
 // True when the process ended by itself within kNodeTestTimeoutMs with exit
 // code 0. Only `request.requestId` is used: the process is registered under
 // it so that a cancel can terminate it.
-bool RunNodeTest(const std::wstring& configPath, const UrlTestRequest& request,
+bool RunNodeTest(const std::filesystem::path& configPath, const UrlTestRequest& request,
                  const std::string& nodeTag, const std::string& url, NodeTestResult& result);
-
-// UTF-8 to UTF-16; "" for empty input or when the conversion reports no length.
-std::wstring Utf8ToWide(const std::string& text);
 
 }  // namespace orvel

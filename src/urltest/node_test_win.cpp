@@ -1,6 +1,7 @@
 #include <windows.h>
 
 #include "core/child_launch_win.h"
+#include "core/host_platform.h"
 #include "core/paths.h"
 #include "core/win_handle.h"
 #include "urltest/node_test.h"
@@ -8,6 +9,9 @@
 
 namespace orvel {
 
+namespace {
+
+// UTF-8 to UTF-16; "" for empty input or when the conversion reports no length.
 std::wstring Utf8ToWide(const std::string& text) {
   if (text.empty()) return {};
   const int length =
@@ -18,7 +22,9 @@ std::wstring Utf8ToWide(const std::string& text) {
   return wide;
 }
 
-bool RunNodeTest(const std::wstring& configPath, const UrlTestRequest& request,
+}  // namespace
+
+bool RunNodeTest(const std::filesystem::path& config, const UrlTestRequest& request,
                  const std::string& nodeTag, const std::string& url, NodeTestResult& result) {
   const std::string& requestId = request.requestId;
   if (IsUrlTestCanceled(requestId)) {
@@ -26,9 +32,10 @@ bool RunNodeTest(const std::wstring& configPath, const UrlTestRequest& request,
     result.waitResult = kWaitSkippedForCancel;
     return false;
   }
-  const std::wstring exe = FindCoreExecutable();
+  const std::wstring exe = FindCoreExecutable().wstring();
+  const std::wstring& configPath = config.native();
   if (exe.empty()) {
-    result.output = "sing-box.exe not found";
+    result.output = ThisPlatform().testCoreNotFound;
     return false;
   }
 
@@ -47,7 +54,7 @@ bool RunNodeTest(const std::wstring& configPath, const UrlTestRequest& request,
   const std::wstring commandLine = L"\"" + exe + L"\" --disable-color -c \"" + configPath +
                                    L"\" tools -o \"" + Utf8ToWide(nodeTag) + L"\" fetch \"" +
                                    Utf8ToWide(url) + L"\"";
-  const std::wstring workingDirectory = GetDataDirectory();
+  const std::wstring workingDirectory = GetDataDirectory().wstring();
   SetCoreEnvironmentVariables();
 
   const ULONGLONG startTick = GetTickCount64();
@@ -66,7 +73,8 @@ bool RunNodeTest(const std::wstring& configPath, const UrlTestRequest& request,
   UniqueHandle process(info.hProcess);
   UniqueHandle thread(info.hThread);
 
-  if (!requestId.empty()) RegisterTestProcess(requestId, process.h);
+  const auto registered = reinterpret_cast<TestProcessHandle>(process.h);
+  if (!requestId.empty()) RegisterTestProcess(requestId, registered);
   result.waitResult = WaitForSingleObject(process.h, kNodeTestTimeoutMs);
   result.elapsedMs = GetTickCount64() - startTick;
   // A cancel that came between creation and registration found nothing to
@@ -80,7 +88,7 @@ bool RunNodeTest(const std::wstring& configPath, const UrlTestRequest& request,
   if (GetExitCodeProcess(process.h, &exitCode)) result.exitCode = exitCode;
   // Unregister before closing: a cancel copies the handle under the registry
   // lock, so it never sees one that is already closed.
-  UnregisterTestProcess(requestId, process.h);
+  UnregisterTestProcess(requestId, registered);
   thread.Close();
   process.Close();
 

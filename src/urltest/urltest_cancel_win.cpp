@@ -13,11 +13,11 @@ namespace {
 // unrelated process.
 TestProcessHandle DuplicateForTerminate(TestProcessHandle process) {
   HANDLE copy = nullptr;
-  if (!DuplicateHandle(GetCurrentProcess(), process, GetCurrentProcess(), &copy, PROCESS_TERMINATE,
-                       FALSE, 0)) {
-    return nullptr;
+  if (!DuplicateHandle(GetCurrentProcess(), reinterpret_cast<HANDLE>(process), GetCurrentProcess(),
+                       &copy, PROCESS_TERMINATE, FALSE, 0)) {
+    return 0;
   }
-  return copy;
+  return reinterpret_cast<TestProcessHandle>(copy);
 }
 
 }  // namespace
@@ -26,9 +26,9 @@ std::string HandleCancelUrlTest(const std::string& body) {
   if (body.empty()) return std::string(kCancelAnswerIgnored);
   const std::vector<TestProcessHandle> processes = MarkUrlTestCanceled(body, DuplicateForTerminate);
   for (TestProcessHandle process : processes) {
-    if (process == nullptr) continue;
-    TerminateProcess(process, 1);
-    CloseHandle(process);
+    if (process == 0) continue;
+    TerminateProcess(reinterpret_cast<HANDLE>(process), 1);
+    CloseHandle(reinterpret_cast<HANDLE>(process));
   }
   HelperLog().Append("URLTest cancel requested: " + body +
                      ", processes=" + std::to_string(processes.size()));

@@ -39,14 +39,14 @@ void ResetUrlTest(std::string_view requestId) {
 }
 
 void RegisterTestProcess(std::string_view requestId, TestProcessHandle process) {
-  if (requestId.empty() || process == nullptr) return;
+  if (requestId.empty() || process == 0) return;
   UrlTestRegistry& registry = Registry();
   std::lock_guard<std::mutex> guard(registry.lock);
   registry.runningProcesses[std::string(requestId)].push_back(process);
 }
 
 void UnregisterTestProcess(std::string_view requestId, TestProcessHandle process) {
-  if (requestId.empty() || process == nullptr) return;
+  if (requestId.empty() || process == 0) return;
   UrlTestRegistry& registry = Registry();
   std::lock_guard<std::mutex> guard(registry.lock);
   const auto entry = registry.runningProcesses.find(std::string(requestId));

@@ -6,15 +6,17 @@
 // for the table operations only (never while terminating, waiting or logging).
 // Request ids are compared byte for byte; an empty id never matches anything.
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace orvel {
 
-// A process handle as the platform knows it (a HANDLE on Windows). The
-// registry never closes one: the runner that started the process owns it.
-using TestProcessHandle = void*;
+// A process as the platform knows it (a HANDLE on Windows, a pidfd on Linux);
+// 0 stands for none. The registry never closes one: the runner that started
+// the process owns it.
+using TestProcessHandle = std::intptr_t;
 
 constexpr std::string_view kCancelAnswerCanceled = "{\"status\":\"canceled\"}";
 constexpr std::string_view kCancelAnswerIgnored = "{\"status\":\"ignored\"}";
@@ -29,7 +31,7 @@ void UnregisterTestProcess(std::string_view requestId, TestProcessHandle process
 // Marks the id as cancelled and returns its running processes in start order,
 // each passed through `keep` while the lock is still held. A runner may close
 // its handle as soon as the lock is released, so `keep` is where the caller
-// takes a copy that stays valid (a duplicate); it may return null.
+// takes a copy that stays valid (a duplicate); it may return 0.
 std::vector<TestProcessHandle> MarkUrlTestCanceled(std::string_view requestId,
                                                    TestProcessHandle (*keep)(TestProcessHandle));
 

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <filesystem>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -23,7 +24,7 @@ constexpr std::size_t kMaxUrlTestWorkers = 12;
 
 struct UrlTestSession {
   UrlTestRequest request;
-  std::wstring configPath;
+  std::filesystem::path configPath;
   // One per node tag; results[i] is touched only by the worker that claimed i.
   std::vector<NodeTestResult> results;
   std::atomic<std::uint64_t> nextIndex{0};
@@ -36,14 +37,17 @@ struct UrlTestSession {
 // Writes the whole answer on `socket` and never closes it.
 void HandleUrlTest(SocketHandle socket, const std::string& body);
 
-// <data directory>\sing-box-urltest-<helper pid>-<n>.json, n = 1, 2, ... per
+// <data directory>/sing-box-urltest-<helper pid>-<n>.json, n = 1, 2, ... per
 // helper run, so concurrent sessions never share a file.
-std::wstring MakeUrlTestConfigPath();
+std::filesystem::path MakeUrlTestConfigPath();
 
 // Creates or truncates the file and writes all of `content`. On failure
-// `error` is "CreateFile failed: <code>", "WriteFile failed: <code>" or
-// "CloseHandle failed: <code>"; a partly written file is left in place.
-bool WriteFileBytes(const std::wstring& path, const std::string& content, std::string& error);
+// `error` names the call that failed and the system's error number
+// ("CreateFile failed: <code>", "WriteFile failed: <code>", "CloseHandle
+// failed: <code>"; the same words with errno on Linux); a partly written file
+// is left in place.
+bool WriteFileBytes(const std::filesystem::path& path, const std::string& content,
+                    std::string& error);
 
 // One worker: claims nodes in body order until none is left or the test is cancelled.
 void UrlTestWorker(UrlTestSession& session);

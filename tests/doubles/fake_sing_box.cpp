@@ -1,8 +1,8 @@
-// Test double of sing-box.exe. The test picks its behaviour: in run mode
-// through the configuration file the helper wrote (the request body), in
-// tools mode through the node tag. Fixed record paths under C:\OrvelTest,
-// because the helper may run as a service that does not get the test's
-// environment.
+// Test double of sing-box (sing-box.exe on Windows). The test picks its
+// behaviour: in run mode through the configuration file the helper wrote (the
+// request body), in tools mode through the node tag. Records go to the
+// records directory (fake_sing_box.h): C:\OrvelTest on Windows, because the
+// helper may run as a service that does not get the test's environment.
 //
 // sing-box run -c FILE
 //   "x-test-double":"..."   behaviour
@@ -11,7 +11,7 @@
 //   "silent"                 no output, exit 1
 //   "die-after-N"            as absent for N ms, then exit 1 (N decimal)
 // Every run first records its invocation (DescribeInvocation) in
-// C:\OrvelTest\core-run.txt, whatever the behaviour.
+// core-run.txt, whatever the behaviour.
 //
 // sing-box --disable-color -c FILE tools -o TAG fetch URL
 //   Tokens anywhere in TAG, so that one test gives every node its own
@@ -21,7 +21,7 @@
 //   hang       never ends by itself (only termination ends it)
 //   flood-N    write N bytes to stdout (more than a pipe holds blocks), then exit 0
 //   (none)     answer at once, exit 0
-// Every fetch leaves C:\OrvelTest\fetch\<pid>-<counter>.txt: "key=value" lines
+// Every fetch leaves fetch/<pid>-<counter>.txt: "key=value" lines
 // (pid, startTick, tag, url, config, the invocation), then configText= and
 // the configuration's bytes to the end of the file.
 //
@@ -36,41 +36,27 @@
 //                        one sample per "tick" ms; other paths get one
 //                        document with its length, then the close
 //   "silent"             no answer, the connection held until the client closes
-#include <winsock2.h>
-#include <ws2tcpip.h>
+#include "doubles/fake_sing_box.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <string>
 #include <thread>
 #include <vector>
 
+namespace fake {
+
 namespace {
 
-std::string WideToUtf8(const std::wstring& text) {
-  const int length = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
-                                         nullptr, 0, nullptr, nullptr);
-  std::string out(static_cast<std::size_t>(length), '\0');
-  WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), length,
-                      nullptr, nullptr);
-  return out;
-}
-
-std::string ReadWholeFile(const std::wstring& path) {
-  std::ifstream in(std::filesystem::path(path), std::ios::binary);
+std::string ReadWholeFile(const std::string& path) {
+  std::ifstream in(std::filesystem::u8path(path), std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-// Unbuffered and in one call, so nothing is lost when the process exits.
-void WriteOut(DWORD which, const std::string& bytes) {
-  DWORD written = 0;
-  WriteFile(GetStdHandle(which), bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr);
-}
-
-std::wstring ArgumentAfter(const std::vector<std::wstring>& args, const wchar_t* name) {
+std::string ArgumentAfter(const std::vector<std::string>& args, const char* name) {
   for (std::size_t i = 0; i + 1 < args.size(); ++i) {
     if (args[i] == name) return args[i + 1];
   }
@@ -79,16 +65,12 @@ std::wstring ArgumentAfter(const std::vector<std::wstring>& args, const wchar_t*
 
 // Command line, working directory and the three core variables.
 std::string DescribeInvocation() {
-  wchar_t directory[MAX_PATH] = {};
-  GetCurrentDirectoryW(MAX_PATH, directory);
-  std::string text = "commandLine=" + WideToUtf8(GetCommandLineW()) + "\n";
-  text += "workingDirectory=" + WideToUtf8(directory) + "\n";
-  for (const wchar_t* name :
-       {L"ENABLE_DEPRECATED_LEGACY_DNS_SERVERS", L"ENABLE_DEPRECATED_OUTBOUND_DNS_RULE_ITEM",
-        L"ENABLE_DEPRECATED_MISSING_DOMAIN_RESOLVER"}) {
-    wchar_t value[64] = {};
-    GetEnvironmentVariableW(name, value, 64);
-    text += WideToUtf8(name) + "=" + WideToUtf8(value) + "\n";
+  std::string text = "commandLine=" + CommandLine() + "\n";
+  text += "workingDirectory=" + CurrentDirectory() + "\n";
+  for (const char* name :
+       {"ENABLE_DEPRECATED_LEGACY_DNS_SERVERS", "ENABLE_DEPRECATED_OUTBOUND_DNS_RULE_ITEM",
+        "ENABLE_DEPRECATED_MISSING_DOMAIN_RESOLVER"}) {
+    text += std::string(name) + "=" + Variable(name) + "\n";
   }
   return text;
 }
@@ -108,21 +90,16 @@ std::string ValueAfter(const std::string& text, const std::string& key, std::siz
 
 using ControllerPlan = std::map<std::string, std::string>;
 
-// A blocking send returns once all of it is on its way, or fails.
-bool SendText(SOCKET s, const std::string& bytes) {
-  return send(s, bytes.data(), static_cast<int>(bytes.size()), 0) == static_cast<int>(bytes.size());
-}
-
 std::string Head(const std::string& lengthLine) {
   return "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nVary: Origin\r\n" + lengthLine +
          "\r\n\r\n";
 }
 
-void Serve(SOCKET client, ControllerPlan plan) {
+void Serve(Socket client, ControllerPlan plan) {
   std::string request;
   char chunk[4096];
   while (request.find("\r\n\r\n") == std::string::npos) {
-    const int got = recv(client, chunk, sizeof(chunk), 0);
+    const long got = Receive(client, chunk, sizeof(chunk));
     if (got <= 0) break;
     request.append(chunk, static_cast<std::size_t>(got));
   }
@@ -139,16 +116,16 @@ void Serve(SOCKET client, ControllerPlan plan) {
     char size[16];
     std::snprintf(size, sizeof(size), "%zx\r\n", document.size());
     for (std::string bytes = Head("Transfer-Encoding: chunked");; bytes.clear()) {
-      Sleep(std::strtoul(plan["tick"].c_str(), nullptr, 10));
+      SleepMs(std::strtoul(plan["tick"].c_str(), nullptr, 10));
       if (!SendText(client, bytes + size + document + "\r\n")) break;
     }
   } else if (mode != "silent") {
     SendText(client, Head("Content-Length: " + std::to_string(document.size())) + document);
   }
   // The other modes hold the connection until the client closes it.
-  while (mode != "stream" && recv(client, chunk, sizeof(chunk), 0) > 0) {
+  while (mode != "stream" && Receive(client, chunk, sizeof(chunk)) > 0) {
   }
-  closesocket(client);
+  CloseSocket(client);
 }
 
 // Serves the controller that the configuration names, on background threads;
@@ -163,37 +140,23 @@ void StartControllerIfConfigured(const std::string& config) {
   for (auto& [key, value] : plan) {
     if (marker != std::string::npos) value = ValueAfter(config, key, marker, value);
   }
-  WSADATA data{};
-  WSAStartup(MAKEWORD(2, 2), &data);
-  SOCKET listener = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-  // Tests start a core on this port again and again; without this a
-  // connection of the previous core still in TIME_WAIT blocks the bind.
-  const BOOL reuse = TRUE;
-  setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, reinterpret_cast<const char*>(&reuse),
-             sizeof(reuse));
-  sockaddr_in bound{};
-  bound.sin_family = AF_INET;
-  bound.sin_port = htons(static_cast<unsigned short>(std::atoi(address.c_str() + colon + 1)));
-  inet_pton(AF_INET, address.substr(0, colon).c_str(), &bound.sin_addr);
-  if (bind(listener, reinterpret_cast<const sockaddr*>(&bound), sizeof(bound)) != 0 ||
-      listen(listener, SOMAXCONN) != 0) {
-    closesocket(listener);  // no controller, as no test needs the core's refusal
-    return;
-  }
+  const Socket listener =
+      Listen(address.substr(0, colon),
+             static_cast<unsigned short>(std::atoi(address.c_str() + colon + 1)));
+  if (listener == kNoSocket) return;  // no controller, as no test needs the core's refusal
   std::thread([listener, plan] {
     for (;;) {
-      SOCKET client = accept(listener, nullptr, nullptr);
-      if (client != INVALID_SOCKET) std::thread(Serve, client, plan).detach();
+      const Socket client = Accept(listener);
+      if (client != kNoSocket) std::thread(Serve, client, plan).detach();
     }
   }).detach();
 }
 
 // --- sing-box run -c FILE ----------------------------------------------------
 
-int RunCoreMode(const std::vector<std::wstring>& args) {
-  std::ofstream(std::filesystem::path(L"C:\\OrvelTest\\core-run.txt"), std::ios::binary)
-      << DescribeInvocation();
-  const std::string config = ReadWholeFile(ArgumentAfter(args, L"-c"));
+int RunCoreMode(const std::vector<std::string>& args) {
+  std::ofstream(RecordsDirectory() / "core-run.txt", std::ios::binary) << DescribeInvocation();
+  const std::string config = ReadWholeFile(ArgumentAfter(args, "-c"));
   const std::string key = "\"x-test-double\":\"";
   const std::size_t start = config.find(key);
   const std::string behaviour =
@@ -211,71 +174,70 @@ int RunCoreMode(const std::vector<std::wstring>& args) {
           "[0000] exit status 1"}) {
       text += "\x1b[31mFATAL\x1b[0m" + std::string(line) + "\n";
     }
-    WriteOut(STD_ERROR_HANDLE, text);
+    WriteStderr(text);
     return 1;
   }
   if (behaviour == "silent") return 1;
   StartControllerIfConfigured(config);
+  StayingUp();
   if (behaviour.starts_with("die-after-")) {
-    Sleep(static_cast<DWORD>(std::strtoul(behaviour.c_str() + 10, nullptr, 10)));
+    SleepMs(std::strtoul(behaviour.c_str() + 10, nullptr, 10));
     return 1;
   }
-  for (;;) Sleep(INFINITE);
+  SleepForever();
 }
 
 // --- sing-box --disable-color -c FILE tools -o TAG fetch URL -----------------
 
 // The number after `token` in `tag`, or -1 when the token is absent.
-long TokenValue(const std::wstring& tag, const std::wstring& token) {
+long TokenValue(const std::string& tag, const std::string& token) {
   const std::size_t at = tag.find(token);
-  if (at == std::wstring::npos) return -1;
-  return std::wcstol(tag.c_str() + at + token.size(), nullptr, 10);
+  if (at == std::string::npos) return -1;
+  return std::strtol(tag.c_str() + at + token.size(), nullptr, 10);
 }
 
-int RunToolsMode(const std::vector<std::wstring>& args) {
-  const std::wstring configPath = ArgumentAfter(args, L"-c");
-  const std::wstring tag = ArgumentAfter(args, L"-o");
-  const std::wstring url = ArgumentAfter(args, L"fetch");
-  // Named by process id and performance counter: an id is reused only after
-  // its process has ended, and the counter has long moved on by then.
-  CreateDirectoryW(L"C:\\OrvelTest\\fetch", nullptr);
-  const std::string pid = std::to_string(GetCurrentProcessId());
-  const std::string tick = std::to_string(GetTickCount64());
-  LARGE_INTEGER now{};
-  QueryPerformanceCounter(&now);
-  std::ofstream(std::filesystem::path("C:\\OrvelTest\\fetch\\" + pid + "-" +
-                                      std::to_string(now.QuadPart) + ".txt"),
-                std::ios::binary)
-      << "pid=" + pid + "\nstartTick=" + tick + "\ntag=" + WideToUtf8(tag) +
-             "\nurl=" + WideToUtf8(url) + "\nconfig=" + WideToUtf8(configPath) + "\n" +
-             DescribeInvocation() + "configText=" + ReadWholeFile(configPath);
-  if (tag.find(L"hang") != std::wstring::npos) {
-    for (;;) Sleep(INFINITE);
-  }
-  const long delay = TokenValue(tag, L"delay-");
-  if (delay > 0) Sleep(static_cast<DWORD>(delay));
-  const long flood = TokenValue(tag, L"flood-");
-  const long exitWith = TokenValue(tag, L"exit-");
+int RunToolsMode(const std::vector<std::string>& args) {
+  const std::string configPath = ArgumentAfter(args, "-c");
+  const std::string tag = ArgumentAfter(args, "-o");
+  const std::string url = ArgumentAfter(args, "fetch");
+  // Named by process id and a steady clock: an id is reused only after its
+  // process has ended, and the clock has long moved on by then.
+  const std::filesystem::path records = RecordsDirectory() / "fetch";
+  std::error_code ignored;
+  std::filesystem::create_directories(records, ignored);
+  const std::string pid = ProcessId();
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  const std::string tick =
+      std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
+  std::ofstream(records / (pid + "-" + std::to_string(now.count()) + ".txt"), std::ios::binary)
+      << "pid=" + pid + "\nstartTick=" + tick + "\ntag=" + tag + "\nurl=" + url +
+             "\nconfig=" + configPath + "\n" + DescribeInvocation() +
+             "configText=" + ReadWholeFile(configPath);
+  if (tag.find("hang") != std::string::npos) SleepForever();
+  const long delay = TokenValue(tag, "delay-");
+  if (delay > 0) SleepMs(static_cast<unsigned long>(delay));
+  const long flood = TokenValue(tag, "flood-");
+  const long exitWith = TokenValue(tag, "exit-");
   if (flood > 0) {
-    WriteOut(STD_OUTPUT_HANDLE, std::string(static_cast<std::size_t>(flood), 'x'));
+    WriteStdout(std::string(static_cast<std::size_t>(flood), 'x'));
   } else if (exitWith >= 0) {
-    WriteOut(STD_ERROR_HANDLE, "FATAL[0000] Get \"" + WideToUtf8(url) +
-                                   "\": outbound not found: " + WideToUtf8(tag) + "\n");
+    WriteStderr("FATAL[0000] Get \"" + url + "\": outbound not found: " + tag + "\n");
     return static_cast<int>(exitWith);
   } else {
-    WriteOut(STD_OUTPUT_HANDLE, "<html>ok</html>\n");
+    WriteStdout("<html>ok</html>\n");
   }
   return 0;
 }
 
 }  // namespace
 
-int wmain(int argc, wchar_t** argv) {
-  std::vector<std::wstring> args(argv + 1, argv + argc);
-  for (const std::wstring& arg : args) {
-    if (arg == L"run") return RunCoreMode(args);
-    if (arg == L"tools") return RunToolsMode(args);
+int RunFakeCore(const std::vector<std::string>& args) {
+  for (const std::string& arg : args) {
+    if (arg == "run") return RunCoreMode(args);
+    if (arg == "tools") return RunToolsMode(args);
   }
-  std::fputs("FATAL[0000] unknown command\n", stderr);
+  WriteStderr("FATAL[0000] unknown command\n");
   return 1;
 }
+
+}  // namespace fake

@@ -1,15 +1,11 @@
 #pragma once
 
-// What the Windows tests and the benchmarks share: a real OrvelVpnHelper.exe
-// started in a folder of its own (ended with everything it started), exact
-// request and answer bytes, the per-user proxy values as raw registry data,
-// and the records the test doubles leave in C:\OrvelTest.
-
-#include <windows.h>
-// After windows.h, which these depend on.
-#include <tlhelp32.h>
-#include <winsock2.h>
-#include <ws2tcpip.h>
+// What the end-to-end tests and the benchmarks share on both systems: a real
+// helper started in a folder of its own (ended with everything it started),
+// exact request and answer bytes through the client library, the helper's
+// log, and the records the core double leaves. The system's own part (how a
+// helper is started and killed, where things lie, how processes are counted)
+// is in harness_win.h and harness_linux.h.
 
 #include <algorithm>
 #include <chrono>
@@ -17,7 +13,6 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <ostream>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -28,12 +23,22 @@
 #include "client/helper_client.h"
 #include "client/http_exchange.h"
 #include "core/data_files.h"
+#include "core/host_platform.h"
 
 namespace orvel::test {
 
+namespace fs = std::filesystem;
+
 constexpr unsigned short kHelperPort = 17891;
 
-// The "/urltest" stream with the time each line was complete (GetTickCount64).
+// Milliseconds of a steady clock, for ordering and spacing events.
+inline std::uint64_t NowMs() {
+  return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                        std::chrono::steady_clock::now().time_since_epoch())
+                                        .count());
+}
+
+// The "/urltest" stream with the time each line was complete (NowMs).
 struct UrlTestStream {
   std::string head;
   std::vector<std::pair<std::string, std::uint64_t>> lines;  // without "\n"
@@ -43,68 +48,17 @@ struct UrlTestStream {
   std::uint64_t closedTick = 0;
 };
 
-struct RegValue {
-  DWORD type = REG_NONE;  // REG_NONE: absent
-  std::string bytes;
-  bool operator==(const RegValue&) const = default;
-};
-
-struct ProxyValues {
-  RegValue proxyEnable, proxyServer, proxyOverride;
-  bool operator==(const ProxyValues&) const = default;
-};
-
-// One record per "tools fetch" run of the core double (C:\OrvelTest\fetch).
+// One record per "tools fetch" run of the core double (<records>/fetch).
 // "configText" holds the configuration file as the run read it.
 using FetchRecord = std::map<std::string, std::string>;
 
 enum class CorePlacement { kNone, kBesideExe };
 struct HelperOptions {
   CorePlacement core = CorePlacement::kBesideExe;
-  std::wstring extraPath;          // put before PATH for the helper
+  fs::path extraPath;              // put before PATH for the helper
   bool keepDataDirectory = false;  // instead of deleting it first
+  std::vector<std::string> arguments;
 };
-
-struct ScopedHelper {
-  PROCESS_INFORMATION process{};
-  HANDLE job = nullptr;
-  std::wstring directory;  // the folder of this helper's exe
-  std::string error;       // why Start failed
-
-  ScopedHelper() = default;
-  ScopedHelper(const ScopedHelper&) = delete;
-  ScopedHelper& operator=(const ScopedHelper&) = delete;
-  ~ScopedHelper() { Stop(); }
-
-  // Copies the helper (and the core double as asked) into a fresh folder,
-  // starts it and waits until "/ping" answers.
-  bool Start(const HelperOptions& options = {});
-  // Ends the helper and every process in its job; safe to call twice.
-  void Stop();
-  // Ends the helper process alone, as a crash would; its children are left
-  // to the helper's own job.
-  void Kill();
-  bool Running() const;
-  std::wstring ExePath() const { return directory + L"\\OrvelVpnHelper.exe"; }
-};
-
-namespace fs = std::filesystem;
-
-inline constexpr const wchar_t* kInternetSettings =
-    L"Software\\Microsoft\\Windows\\CurrentVersion\\Internet Settings";
-
-template <typename Visit>
-void ForEachProcessNamed(const wchar_t* exeName, Visit visit) {
-  HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
-  if (snapshot == INVALID_HANDLE_VALUE) return;
-  PROCESSENTRY32W entry{};
-  entry.dwSize = sizeof(entry);
-  for (BOOL more = Process32FirstW(snapshot, &entry); more;
-       more = Process32NextW(snapshot, &entry)) {
-    if (_wcsicmp(entry.szExeFile, exeName) == 0) visit(entry.th32ProcessID);
-  }
-  CloseHandle(snapshot);
-}
 
 inline client::ClientAddress HelperAddress() {
   client::ClientAddress address;
@@ -113,74 +67,9 @@ inline client::ClientAddress HelperAddress() {
   return address;
 }
 
-inline void WriteValue(const wchar_t* name, const RegValue& value) {
-  if (value.type == REG_NONE) {
-    RegDeleteKeyValueW(HKEY_CURRENT_USER, kInternetSettings, name);
-  } else {
-    RegSetKeyValueW(HKEY_CURRENT_USER, kInternetSettings, name, value.type, value.bytes.data(),
-                    static_cast<DWORD>(value.bytes.size()));
-  }
-}
-
-// build/bin: the tests and OrvelVpnHelper.exe
-inline std::wstring BinDirectory() {
-  wchar_t buffer[MAX_PATH] = {};
-  GetModuleFileNameW(nullptr, buffer, MAX_PATH);
-  return fs::path(buffer).parent_path().wstring();
-}
-
-// build/bin/doubles: sing-box.exe and wininet.dll
-inline std::wstring DoublesDirectory() { return BinDirectory() + L"\\doubles"; }
-
-// %APPDATA%\OrvelVPN
-inline std::wstring HelperDataDirectory() {
-  return std::wstring(_wgetenv(L"APPDATA")) + L"\\OrvelVPN";
-}
-
-// C:\OrvelTest\<name>
-inline std::wstring RecordPath(std::wstring_view name) {
-  return L"C:\\OrvelTest\\" + std::wstring(name);
-}
-
-inline std::string ToUtf8(const std::wstring& text) {
-  const int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr,
-                                    0, nullptr, nullptr);
-  std::string out(static_cast<std::size_t>(n), '\0');
-  WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), n,
-                      nullptr, nullptr);
-  return out;
-}
-
-inline std::string ReadFileBytes(const std::wstring& path) {
-  std::ifstream in(fs::path(path), std::ios::binary);
+inline std::string ReadFileBytes(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-inline int CountProcessesNamed(const wchar_t* exeName) {
-  int count = 0;
-  ForEachProcessNamed(exeName, [&](DWORD) { ++count; });
-  return count;
-}
-
-inline void KillProcessesNamed(const wchar_t* exeName) {
-  ForEachProcessNamed(exeName, [](DWORD pid) {
-    if (HANDLE process = OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, pid)) {
-      TerminateProcess(process, 1);
-      WaitForSingleObject(process, 5000);
-      CloseHandle(process);
-    }
-  });
-}
-
-// Waits up to timeoutMs for no process named exeName to be left; the count left.
-inline int WaitUntilNoProcessNamed(const wchar_t* exeName, unsigned timeoutMs) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  int left = CountProcessesNamed(exeName);
-  for (; left > 0 && std::chrono::steady_clock::now() < deadline;
-       left = CountProcessesNamed(exeName)) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(25));
-  }
-  return left;
 }
 
 // --- HTTP -------------------------------------------------------------------
@@ -263,17 +152,17 @@ inline UrlTestStream ReadUrlTestStream(const client::ClientSocket& socket) {
     }
     for (std::size_t end; (end = pending.find('\n')) != std::string::npos;
          pending.erase(0, end + 1)) {
-      stream.lines.emplace_back(pending.substr(0, end), GetTickCount64());
+      stream.lines.emplace_back(pending.substr(0, end), NowMs());
     }
   }
   stream.closedByPeer = got == client::kReceiveClosed;
-  stream.closedTick = GetTickCount64();
+  stream.closedTick = NowMs();
   (inHead ? stream.head : stream.rest) = pending;
   return stream;
 }
 
 inline UrlTestStream RunUrlTest(const std::string& body) {
-  const std::uint64_t sent = GetTickCount64();
+  const std::uint64_t sent = NowMs();
   client::ClientSocket socket;
   if (!StartUrlTest(body, socket)) return {};
   UrlTestStream stream = ReadUrlTestStream(socket);
@@ -281,79 +170,33 @@ inline UrlTestStream RunUrlTest(const std::string& body) {
   return stream;
 }
 
-// --- Registry and records -----------------------------------------------------
+inline std::vector<FetchRecord> WaitForFetchRecords(std::size_t count, unsigned timeoutMs);
 
-inline RegValue Absent() { return RegValue{}; }
+}  // namespace orvel::test
 
-inline RegValue Dword(DWORD number) {
-  return RegValue{REG_DWORD, std::string(reinterpret_cast<const char*>(&number), sizeof(number))};
-}
+// The system's own part, which uses the HTTP helpers above.
+#ifdef _WIN32
+#include "support/harness_win.h"
+#else
+#include "support/harness_linux.h"
+#endif
 
-// one terminating zero
-inline RegValue Text(std::wstring_view text, DWORD type = REG_SZ) {
-  std::wstring terminated(text);
-  terminated.push_back(L'\0');
-  return RegValue{type, std::string(reinterpret_cast<const char*>(terminated.data()),
-                                    terminated.size() * sizeof(wchar_t))};
-}
+namespace orvel::test {
 
-inline void PrintTo(const ProxyValues& values, std::ostream* out) {
-  for (const RegValue* value : {&values.proxyEnable, &values.proxyServer, &values.proxyOverride}) {
-    *out << "{type " << value->type << ":";
-    for (unsigned char c : value->bytes) *out << (c >= 0x20 && c < 0x7F ? char(c) : '.');
-    *out << "} ";
+// Waits up to timeoutMs for no running core double to be left; the count left.
+inline int WaitUntilNoCore(unsigned timeoutMs) {
+  const std::uint64_t deadline = NowMs() + timeoutMs;
+  int left = CountCores();
+  for (; left > 0 && NowMs() < deadline; left = CountCores()) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(25));
   }
+  return left;
 }
 
-inline ProxyValues ReadProxyValues() {
-  // RegQueryValueExW, not RegGetValueW: the bytes exactly as stored, with no
-  // terminating zero added to a string that lacks one.
-  ProxyValues values;
-  HKEY key = nullptr;
-  if (RegOpenKeyExW(HKEY_CURRENT_USER, kInternetSettings, 0, KEY_QUERY_VALUE, &key) != 0) {
-    return values;
-  }
-  for (const auto& [name, value] : {std::pair{L"ProxyEnable", &values.proxyEnable},
-                                    {L"ProxyServer", &values.proxyServer},
-                                    {L"ProxyOverride", &values.proxyOverride}}) {
-    DWORD size = 0;
-    if (RegQueryValueExW(key, name, nullptr, &value->type, nullptr, &size) != ERROR_SUCCESS) {
-      *value = Absent();
-      continue;
-    }
-    value->bytes.resize(size);
-    RegQueryValueExW(key, name, nullptr, nullptr, reinterpret_cast<BYTE*>(value->bytes.data()),
-                     &size);
-  }
-  RegCloseKey(key);
-  return values;
-}
-
-// an absent value is deleted
-inline void WriteProxyValues(const ProxyValues& values) {
-  WriteValue(L"ProxyEnable", values.proxyEnable);
-  WriteValue(L"ProxyServer", values.proxyServer);
-  WriteValue(L"ProxyOverride", values.proxyOverride);
-}
-
-// what a start on `port` writes
-inline ProxyValues HelperProxyValues(unsigned port) {
-  const std::wstring p = L"127.0.0.1:" + std::to_wstring(port);
-  return ProxyValues{Dword(1), Text(L"http=" + p + L";https=" + p + L";socks=" + p),
-                     Text(L"localhost;127.0.0.1;<local>")};
-}
-
-// wininet-calls.txt: one option number per line, e.g. "39\n37\n".
-inline std::string ReadWininetCalls() { return ReadFileBytes(RecordPath(L"wininet-calls.txt")); }
-
-inline void SetWininetFailing(bool failing) {
-  if (!failing || !WriteWholeFile(RecordPath(L"wininet-fail"), "fail")) {
-    DeleteFileW(RecordPath(L"wininet-fail").c_str());
-  }
-}
+// --- Records -------------------------------------------------------------------
 
 // A file of key=value lines (core-run.txt from the core double).
-inline std::map<std::string, std::string> ReadKeyValues(const std::wstring& path) {
+inline std::map<std::string, std::string> ReadKeyValues(const fs::path& path) {
   std::map<std::string, std::string> fields;
   std::istringstream lines(ReadFileBytes(path));
   for (std::string line; std::getline(lines, line);) {
@@ -372,133 +215,39 @@ inline std::map<std::string, std::string> ReadKeyValues(const std::wstring& path
 // Clears the doubles' records, the failure switch and the fetch records.
 inline void ResetTestRecords() {
   std::error_code ec;
-  fs::remove_all(fs::path(RecordPath(L"")), ec);
-  fs::create_directories(fs::path(RecordPath(L"")), ec);
+  fs::remove_all(RecordPath(""), ec);
+  fs::create_directories(RecordPath(""), ec);
 }
 
 inline std::vector<FetchRecord> ReadFetchRecords() {
   std::vector<FetchRecord> records;
   std::error_code ec;
-  for (const auto& entry : fs::directory_iterator(fs::path(RecordPath(L"fetch")), ec)) {
-    records.push_back(ReadKeyValues(entry.path().wstring()));
+  for (const auto& entry : fs::directory_iterator(RecordPath("fetch"), ec)) {
+    records.push_back(ReadKeyValues(entry.path()));
   }
   return records;
 }
 
 // Waits up to timeoutMs for `count` complete records.
 inline std::vector<FetchRecord> WaitForFetchRecords(std::size_t count, unsigned timeoutMs) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  const std::uint64_t deadline = NowMs() + timeoutMs;
   for (;;) {
     std::vector<FetchRecord> records = ReadFetchRecords();
     const auto complete = std::count_if(records.begin(), records.end(), [](const FetchRecord& r) {
       return r.contains("configText");
     });
-    if (static_cast<std::size_t>(complete) >= count ||
-        std::chrono::steady_clock::now() > deadline) {
-      return records;
-    }
+    if (static_cast<std::size_t>(complete) >= count || NowMs() > deadline) return records;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
 }
 
-// --- The helper ---------------------------------------------------------------
-
-// Wine's StartServiceCtrlDispatcherW opens the control pipe of the service
-// named by this volatile value (the last one Wine started) and, finding that
-// pipe busy, waits 10 s before failing with 1063; Windows fails at once.
-// Pointing the value at a pipe that does not exist gives the Windows timing.
-// The key itself must stay: services.exe keeps it open and writes the value
-// anew for every service it starts.
-// Makes a stand-alone helper start as fast under Wine as on Windows.
-inline void ForgetLastStartedService() {
-  const DWORD unused = 0xFFFFFFF0;
-  RegSetKeyValueW(HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Control\\ServiceCurrent",
-                  nullptr, REG_DWORD, &unused, sizeof(unused));
-}
-
-inline bool ScopedHelper::Start(const HelperOptions& options) {
-  KillProcessesNamed(L"sing-box.exe");
-  ForgetLastStartedService();
-  if (client::ClientSocket taken; ConnectToHelper(taken)) {
-    error = "port 17891 is already in use by another process; end it before running this test";
-    return false;
+// What the core double was started with; it writes that once it runs, which
+// on a loaded machine can come after the helper's answer.
+inline std::map<std::string, std::string> CoreRun() {
+  for (int i = 0; i < 200 && !fs::exists(RecordPath("core-run.txt")); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
-  wchar_t self[MAX_PATH] = {};
-  GetModuleFileNameW(nullptr, self, MAX_PATH);
-  directory = BinDirectory() + L"\\e2e-work\\" + fs::path(self).stem().wstring();
-  std::error_code ec;
-  fs::remove_all(directory, ec);
-  fs::create_directories(directory);
-  fs::copy_file(BinDirectory() + L"\\OrvelVpnHelper.exe", ExePath());
-  if (options.core == CorePlacement::kBesideExe) {
-    fs::copy_file(DoublesDirectory() + L"\\sing-box.exe", directory + L"\\sing-box.exe");
-  }
-  if (!options.keepDataDirectory) fs::remove_all(HelperDataDirectory(), ec);
-  fs::create_directories(RecordPath(L""), ec);
-
-  // The helper inherits our environment; PATH decides the system search.
-  wchar_t oldPath[32767] = {};
-  GetEnvironmentVariableW(L"PATH", oldPath, 32767);
-  if (!options.extraPath.empty()) {
-    SetEnvironmentVariableW(L"PATH", (options.extraPath + L";" + oldPath).c_str());
-  }
-  job = CreateJobObjectW(nullptr, nullptr);
-  JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
-  limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
-  SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits, sizeof(limits));
-  STARTUPINFOW startup{};
-  startup.cb = sizeof(startup);
-  std::wstring commandLine = L"\"" + ExePath() + L"\"";
-  // Wine has been seen to fail a start once with ERROR_INTERNAL_ERROR right
-  // after another test's processes ended; a second try succeeds.
-  BOOL created = FALSE;
-  for (int attempt = 0; attempt < 3 && !created; ++attempt) {
-    if (attempt > 0) std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    created = CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, CREATE_SUSPENDED,
-                             nullptr, directory.c_str(), &startup, &process);
-  }
-  SetEnvironmentVariableW(L"PATH", oldPath);
-  if (!created) {
-    error = "CreateProcessW of the helper failed: " + std::to_string(GetLastError());
-    return false;
-  }
-  AssignProcessToJobObject(job, process.hProcess);
-  ResumeThread(process.hThread);
-
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (!Running()) {
-      error = "helper ended during start-up";
-      return false;
-    }
-    if (Request("GET", "/ping", {}, 2000).body == "pong") return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  error = "helper did not answer /ping within 15 s";
-  return false;
-}
-
-inline void ScopedHelper::Stop() {
-  if (job != nullptr) TerminateJobObject(job, 1);
-  if (process.hProcess != nullptr) {
-    Kill();
-    CloseHandle(process.hProcess);
-    CloseHandle(process.hThread);
-    process = PROCESS_INFORMATION{};
-  }
-  if (job != nullptr) CloseHandle(job);
-  job = nullptr;
-  // Belt and braces where job objects are not fully honoured.
-  KillProcessesNamed(L"sing-box.exe");
-}
-
-inline void ScopedHelper::Kill() {
-  TerminateProcess(process.hProcess, 1);
-  WaitForSingleObject(process.hProcess, 10000);
-}
-
-inline bool ScopedHelper::Running() const {
-  return process.hProcess != nullptr && WaitForSingleObject(process.hProcess, 0) == WAIT_TIMEOUT;
+  return ReadKeyValues(RecordPath("core-run.txt"));
 }
 
 }  // namespace orvel::test

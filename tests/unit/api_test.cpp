@@ -2,6 +2,7 @@
 // answer layout, the request guard, JSON text and the log ring.
 #include <gtest/gtest.h>
 
+#include "api/caller_policy.h"
 #include "api/http_request.h"
 #include "api/json_text.h"
 #include "api/number_text.h"
@@ -105,4 +106,44 @@ TEST(LogBuffer, PadsTheTimeCutsLongMessagesAndKeepsTheNewestBytes) {
   ASSERT_EQ(text.size(), 65536u);
   // Cut by bytes, inside an older line.
   EXPECT_TRUE(text.ends_with(FormatLogLine(time, std::string(1000, 'm') + "69")) && text[0] != '[');
+}
+
+TEST(MayUseHelper, RootTheOwnUserOrTheServiceGroup) {
+  // mode (service?), caller, own uid, caller's groups, the service group -> allowed
+  const struct {
+    bool service;
+    std::optional<std::uint32_t> caller;
+    std::vector<std::uint32_t> groups;
+    std::optional<std::uint32_t> serviceGroup;
+    bool allowed;
+  } cases[] = {
+      {false, 1000, {1000}, 990, true},    // its own user
+      {false, 0, {}, std::nullopt, true},  // root, always
+      {false, 1001, {990}, 990, false},    // the group counts for the service only
+      {false, std::nullopt, {}, 990, false},
+      {true, 1001, {1001, 990}, 990, true},
+      {true, 1000, {1000}, 990, false},  // the service's own uid is root's, not the user's
+      {true, 0, {}, std::nullopt, true},
+      {true, 1001, {990}, std::nullopt, false},  // no group installed
+      {true, std::nullopt, {990}, 990, false},
+  };
+  for (const auto& c : cases) {
+    const CallerFacts facts{c.service, c.caller, c.service ? 0u : 1000u, c.groups, c.serviceGroup};
+    EXPECT_EQ(MayUseHelper(facts), c.allowed) << c.service << " " << c.caller.value_or(-1);
+  }
+  EXPECT_EQ(DescribeRefusedCaller(1001),
+            "Refused a connection from uid 1001: not allowed to use this helper");
+}
+
+TEST(ConnectionCounts, SixtyFourInAllSixteenPerUserOneLogLineASecond) {
+  ConnectionCounts counts;
+  for (std::uint32_t i = 0; i < 16; ++i) EXPECT_TRUE(AdmitConnection(counts, 1000));
+  EXPECT_FALSE(AdmitConnection(counts, 1000));
+  for (int i = 0; i < 48; ++i) EXPECT_TRUE(AdmitConnection(counts, std::nullopt));
+  EXPECT_FALSE(AdmitConnection(counts, 1001));  // 64 in all
+  ReleaseConnection(counts, 1000);
+  EXPECT_TRUE(AdmitConnection(counts, 1000));
+  EXPECT_EQ(CountClosedOverLimit(counts, 5000), "Connection limit reached: 1 connections closed");
+  EXPECT_EQ(CountClosedOverLimit(counts, 5999), "");
+  EXPECT_EQ(CountClosedOverLimit(counts, 6000), "Connection limit reached: 2 connections closed");
 }

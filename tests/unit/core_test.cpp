@@ -5,6 +5,7 @@
 #include "core/config_guard.h"
 #include "core/core_output.h"
 #include "core/mixed_port.h"
+#include "entry/service_unit.h"
 
 using namespace orvel;
 
@@ -80,9 +81,35 @@ TEST(CheckServiceConfig, RefusesProgramsAndPathsOutsideTheDataDirectory) {
   for (const auto& [expected, configs] : cases)
     for (const std::string& config : configs) {
       std::string refusal;
-      EXPECT_EQ(CheckServiceConfig(config, refusal), expected.empty()) << config.substr(0, 200);
+      EXPECT_EQ(CheckServiceConfig(config, PathRules::kWindows, refusal), expected.empty())
+          << config.substr(0, 200);
       EXPECT_EQ(refusal, expected) << config.substr(0, 200);
     }
+}
+
+TEST(CheckDataRelativePath, LinuxKnowsOnlySlashesHomesAndNul) {
+  // Bytes that Windows refuses are plain on Linux; the reason, or "" for a path inside.
+  const std::pair<std::string_view, std::string_view> cases[] = {
+      {"", ""},
+      {"logs/box.log", ""},
+      {R"(a\..\b:c nul. )", ""},
+      {"/etc/passwd", "starts at the root of the file system"},
+      {"~/x", "starts at a home directory ('~')"},
+      {std::string_view("a\0b", 3), "contains a NUL byte"},
+      {"$HOME", "contains '$' (the core expands environment variables)"},
+      {"a//b", "has an empty segment"},
+      {"logs/", "has an empty segment"},
+      {"./x", "has a '.' segment"},
+      {"a/../../x", "climbs out of the data directory with '..'"},
+  };
+  for (const auto& [path, expected] : cases) {
+    std::string reason;
+    EXPECT_EQ(CheckDataRelativePath(path, PathRules::kLinux, reason), expected.empty()) << path;
+    EXPECT_EQ(reason, expected) << path;
+  }
+  std::string refusal;
+  EXPECT_FALSE(CheckServiceConfig(R"({"log":{"output":"/tmp/x"}})", PathRules::kLinux, refusal));
+  EXPECT_EQ(refusal, "log.output starts at the root of the file system");
 }
 
 TEST(SummarizeCoreOutput, FlattensBreaksAndTabsAndCutsAtTheLimit) {
@@ -120,4 +147,22 @@ TEST(FindMixedInboundPort, ReadsTheTaggedInboundPort) {
         R"({"listen_port":)", R"({"listen_port"})", ""})
     read += std::to_string(FindMixedInboundPort(config)) + ",";
   EXPECT_EQ(read, "2080,2222,1111,3333,2080,65535,7897,7897,7897,7897,7897,7897,7897,");
+}
+
+TEST(QuoteForSystemd, QuotesEscapesAndDoublesWhatSystemdExpands) {
+  const std::pair<std::string_view, std::string_view> cases[] = {
+      {"/usr/bin/orvel-vpn-helper", R"("/usr/bin/orvel-vpn-helper")"},
+      {"/opt/Orvel VPN/helper", R"("/opt/Orvel VPN/helper")"},
+      {R"(/a"b\c)", R"("/a\"b\\c")"},
+      {"/100%/$HOME", R"("/100%%/$$HOME")"},
+      {"/x\ny\tz\x01", R"("/x\ny\tz\x01")"},
+  };
+  for (const auto& [path, quoted] : cases) EXPECT_EQ(QuoteForSystemd(path), quoted) << path;
+  const std::string unit = BuildServiceUnit("/opt/Orvel VPN/helper");
+  EXPECT_NE(
+      unit.find("\n[Service]\nType=notify\nExecStart=\"/opt/Orvel VPN/helper\" --service\n"
+                "Restart=on-failure\nKillMode=control-group\nStateDirectory=orvel-vpn-helper\n"
+                "StateDirectoryMode=0700\n\n[Install]\nWantedBy=multi-user.target\n"),
+      std::string::npos)
+      << unit;
 }

@@ -2,6 +2,7 @@
 // the user's own settings back.
 #include <gtest/gtest.h>
 
+#include "sysproxy/desktop_proxy_state.h"
 #include "sysproxy/proxy_server_value.h"
 #include "sysproxy/proxy_state.h"
 
@@ -48,4 +49,27 @@ TEST(BuildProxyServerValue, UsesThePortOnlyWhenValid) {
     const std::wstring at = L"127.0.0.1:" + std::wstring(shown);
     EXPECT_EQ(BuildProxyServerValue(port), L"http=" + at + L";https=" + at + L";socks=" + at);
   }
+}
+
+TEST(DesktopProxyState, KeysValuesAndDefaultsReadBackAndNothingElse) {
+  const DesktopProxyState state{"http://127.0.0.1:2080",
+                                {{"gsettings:org.gnome.system.proxy:mode", false, "'auto'"},
+                                 {"gsettings:org.gnome.system.proxy.http:port", true, ""},
+                                 {"kde:NoProxyFor", false, "*.lan,100%\n\xC3\xA9"}}};
+  const std::string text =
+      "orvel-desktop-proxy-state 1\nhelper=http://127.0.0.1:2080\n"
+      "gsettings:org.gnome.system.proxy:mode='auto'\ngsettings:org.gnome.system.proxy.http:port!\n"
+      "kde:NoProxyFor=*.lan,100%25%0A%C3%A9\nend\n";
+  EXPECT_EQ(EncodeDesktopProxyState(state), text);
+  DesktopProxyState parsed;
+  EXPECT_TRUE(ParseDesktopProxyState(text, parsed) && parsed == state);
+  const DesktopProxyState untouched = parsed;
+  for (const std::string& bytes :
+       {std::string(), text.substr(0, text.size() - 1), "x" + text,
+        std::string("orvel-desktop-proxy-state 1\nhelper=\nend\n"),  // never an empty helper
+        text.substr(0, 57) + "other:key=1\n" + text.substr(57),
+        text.substr(0, 57) + "gsettings:org.gnome.system.proxy:mode=%2\n" + text.substr(57)}) {
+    EXPECT_FALSE(ParseDesktopProxyState(bytes, parsed)) << bytes;
+  }
+  EXPECT_EQ(parsed, untouched);
 }

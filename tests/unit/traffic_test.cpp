@@ -3,9 +3,11 @@
 // process entries built from made-up socket observations.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <regex>
 
 #include "traffic/core_stats_client.h"
+#include "traffic/kernel_socket_rows.h"
 #include "traffic/traffic_snapshot.h"
 
 using namespace orvel;
@@ -123,4 +125,107 @@ TEST(AppendProcessEntry, WritesEachEndpointOnceWithItsMethodUpToEightyEntries) {
   EXPECT_EQ(gLookups, 80);
   EXPECT_TRUE(
       std::regex_replace(list.text, entry, "$1 $2 $3").ends_with(",app1070.exe TCP 10.1.0.1:8000"));
+}
+
+// "addr:port" of an endpoint, the address as dotted or hex bytes, for the tables below.
+static std::string Shown(const std::array<std::uint8_t, 16>& address, bool ipv6,
+                         std::uint16_t port) {
+  std::string text;
+  for (std::size_t i = 0; i < (ipv6 ? 16u : 4u); ++i) {
+    if (i > 0) text += '.';
+    text += std::to_string(address[i]);
+  }
+  return text + ":" + std::to_string(port);
+}
+static std::string Rows(std::function<void(const KernelRowSink&)> read) {
+  std::string rows;
+  read([&](const KernelSocketRow& r) {
+    rows += Shown(r.local, r.ipv6, r.localPort) + ">" + Shown(r.remote, r.ipv6, r.remotePort) +
+            " st" + std::to_string(r.state) + " uid" + std::to_string(r.uid) + " ino" +
+            std::to_string(r.inode) + "|";
+  });
+  return rows;
+}
+
+TEST(ReadProcNetTable, KernelWordsHexPortsStatesAndOnlyWholeRows) {
+  const std::string head =
+      "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  "
+      "timeout inode\n";
+  const std::string v4 =
+      head +
+      "   0: 0100007F:0035 00000000:0000 0A 00000000:00000000 00:00000000 00000000   102        0 "
+      "21507 1 0000000000000000 100 0 0 10 0\n"
+      "   1: 0200007F:B1A6 0200007F:15B3 01 00000000:00000000 00:00000000 00000000  1000        0 "
+      "77001 1 0000000000000000 20 4 30 10 -1\n"
+      "   2: garbage\n"
+      "   3: 0100007F:0050 0100007F:C000 01 00000000:00000000 00:000";  // cut by a growing table
+  EXPECT_EQ(Rows([&](const KernelRowSink& sink) { ReadProcNetTable(v4, false, sink); }),
+            "127.0.0.1:53>0.0.0.0:0 st10 uid102 ino21507|"
+            "127.0.0.2:45478>127.0.0.2:5555 st1 uid1000 ino77001|");
+  // IPv6: four words, each byte-swapped; the mapped form keeps ::ffff:.
+  const std::string v6 = head +
+                         "   0: 0000000000000000FFFF00000100007F:1F90 "
+                         "20010DB8000000000000000001000000:01BB 01 00000000:00000000 "
+                         "00:00000000 00000000     0        0 9 1\n";
+  EXPECT_EQ(Rows([&](const KernelRowSink& sink) { ReadProcNetTable(v6, true, sink); }),
+            "0.0.0.0.0.0.0.0.0.0.255.255.127.0.0.1:8080>"
+            "184.13.1.32.0.0.0.0.0.0.0.0.0.0.0.1:443 st1 uid0 ino9|");
+}
+
+// One netlink message: its header, then `body`.
+static std::string NetlinkMessage(std::uint16_t type, const std::string& body) {
+  std::string message(16, '\0');
+  const std::uint32_t length = static_cast<std::uint32_t>(16 + body.size());
+  std::memcpy(message.data(), &length, 4);
+  std::memcpy(message.data() + 4, &type, 2);
+  return message + body + std::string((4 - body.size() % 4) % 4, '\0');
+}
+// An inet_diag_msg as the kernel sends it.
+static std::string DiagMessage(std::uint8_t family, std::uint8_t state, std::uint16_t sport,
+                               std::string src, std::uint16_t dport, std::string dst,
+                               std::uint32_t uid, std::uint32_t inode) {
+  std::string body(72, '\0');
+  body[0] = static_cast<char>(family);
+  body[1] = static_cast<char>(state);
+  body[4] = static_cast<char>(sport >> 8), body[5] = static_cast<char>(sport);
+  body[6] = static_cast<char>(dport >> 8), body[7] = static_cast<char>(dport);
+  std::memcpy(body.data() + 8, src.data(), src.size());
+  std::memcpy(body.data() + 24, dst.data(), dst.size());
+  std::memcpy(body.data() + 64, &uid, 4);
+  std::memcpy(body.data() + 68, &inode, 4);
+  return body;
+}
+
+TEST(ReadDiagAnswer, RowsUntilDoneAndRefusesWhatDoesNotFit) {
+  const std::string tcp = NetlinkMessage(
+      20, DiagMessage(2, 1, 40000, "\x7F\0\0\x02"s, 443, "\x7F\0\0\x01"s, 1000, 4242));
+  const std::string udp6 =
+      NetlinkMessage(20, DiagMessage(10, 7, 53, std::string(15, '\0') + "\x01", 0, "", 0, 7));
+  const std::string done = NetlinkMessage(3, std::string(4, '\0'));
+  std::string rows;
+  const auto read = [&](std::string_view bytes) {
+    DiagStatus status = DiagStatus::kMore;
+    rows = Rows([&](const KernelRowSink& sink) { status = ReadDiagAnswer(bytes, sink); });
+    return status;
+  };
+  EXPECT_EQ(read(tcp + udp6), DiagStatus::kMore);
+  EXPECT_EQ(rows,
+            "127.0.0.2:40000>127.0.0.1:443 st1 uid1000 ino4242|"
+            "0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.1:53>0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0:0 st7 uid0 ino7|");
+  EXPECT_EQ(read(tcp + done), DiagStatus::kDone);
+  EXPECT_EQ(read(NetlinkMessage(2, std::string(20, '\0'))), DiagStatus::kFailed);
+  EXPECT_EQ(read(tcp.substr(0, tcp.size() - 1)), DiagStatus::kFailed);  // runs past the bytes
+  EXPECT_EQ(read(NetlinkMessage(20, std::string(8, '\0'))), DiagStatus::kFailed);  // too short
+}
+
+TEST(ProcessNameFrom, ExecutableNameThenCommThenThePid) {
+  const std::tuple<std::optional<std::string_view>, std::optional<std::string_view>, std::string>
+      cases[] = {
+          {"/usr/bin/python3.11", "python3", "python3.11"},
+          {"/opt/app/chrome (deleted)", "chrome", "chrome"},
+          {"/tmp/ (deleted)", "x", " (deleted)"},
+          {std::nullopt, "kworker/0:1", "kworker/0:1"},  // the link cannot be read
+          {std::nullopt, std::nullopt, "pid-4321"},      // the process has ended
+      };
+  for (const auto& [exe, comm, name] : cases) EXPECT_EQ(ProcessNameFrom(exe, comm, 4321), name);
 }

@@ -82,15 +82,15 @@ TEST(BuildUrlTestResultLine, EscapesTheTagOnly) {
 
 // Handles here are plain tokens: the registry never dereferences them.
 using Handles = std::vector<TestProcessHandle>;
-static TestProcessHandle Token(std::uintptr_t n) { return reinterpret_cast<TestProcessHandle>(n); }
+static TestProcessHandle Token(std::intptr_t n) { return n; }
 static TestProcessHandle Same(TestProcessHandle process) { return process; }
-static TestProcessHandle Twice(TestProcessHandle p) { return Token(std::uintptr_t(p) * 2); }
+static TestProcessHandle Twice(TestProcessHandle p) { return p * 2; }
 
 TEST(UrlTestRegistry, CancelMarksAndReturnsTheRunningProcesses) {
   EXPECT_FALSE(IsUrlTestCanceled("reg-a"));
   for (std::uintptr_t n : {1, 2, 1, 3}) RegisterTestProcess("reg-a", Token(n));
   RegisterTestProcess("reg-b", Token(9));
-  RegisterTestProcess("reg-b", nullptr);     // neither a null handle
+  RegisterTestProcess("reg-b", 0);           // neither a null handle
   RegisterTestProcess("", Token(5));         // nor an empty id is recorded
   UnregisterTestProcess("reg-a", Token(1));  // every occurrence, the order of the rest kept
   UnregisterTestProcess("reg-A", Token(2));  // ids are case-sensitive

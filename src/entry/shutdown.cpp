@@ -1,5 +1,6 @@
+#include "entry/shutdown.h"
+
 #include "core/core_process.h"
-#include "entry/service_host.h"
 #include "sysproxy/system_proxy.h"
 
 namespace orvel {

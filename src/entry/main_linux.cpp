@@ -1,0 +1,36 @@
+#include <cstring>
+#include <string_view>
+
+#include "api/control_server.h"
+#include "core/child_launch_linux.h"
+#include "core/run_mode.h"
+#include "entry/run_modes_linux.h"
+#include "entry/shutdown.h"
+#include "sysproxy/system_proxy.h"
+
+int main(int argc, char** argv) {
+  bool service = false;
+  for (int i = 1; i < argc; ++i) {
+    // A plain substring search, as on Windows: "--install-service" anywhere
+    // selects installer mode, and nothing else runs then.
+    if (std::strstr(argv[i], "--install-service") != nullptr) return orvel::InstallService();
+    service = service || std::string_view(argv[i]) == "--service";
+  }
+  orvel::OpenStandardDescriptors();
+  // Before the first thread: setenv is not thread-safe, and every thread
+  // must inherit the blocked signals.
+  orvel::SetCoreEnvironmentVariables();
+  orvel::BlockTerminationSignals();
+  if (service) {
+    orvel::MarkRunningAsService();
+  } else if (!orvel::TakeInstanceLock()) {
+    return 0;  // another instance serves this user, or none can be sure not to
+  }
+  // After the lock: a second instance must not touch the proxy.
+  orvel::RecoverSystemProxyAtStartup();
+  orvel::StartTerminationWatcher();
+  const int result = orvel::RunControlServer(orvel::NotifyServiceReady);
+  // Reached only when the listener could not be set up.
+  orvel::RestoreProxyThenStopCore();
+  return result;
+}

@@ -1,0 +1,39 @@
+#pragma once
+
+namespace orvel {
+
+// Installer mode, as root: writes the systemd unit for this executable and
+// the polkit rule, makes the group orvel-vpn (adding the user behind sudo or
+// pkexec) and enables the unit for boot; never starts or stops it. Running it
+// again from elsewhere points the unit at the new place. 0 when done,
+// otherwise one of these.
+constexpr int kInstallNoExecutable = 1;
+constexpr int kInstallNotRoot = 2;
+constexpr int kInstallNotWritten = 3;  // the unit, the rule or their directory
+constexpr int kInstallNoGroup = 4;     // the group or the user's membership
+constexpr int kInstallNotEnabled = 5;
+int InstallService();
+
+// The service tells systemd it is ready once it accepts connections
+// (Type=notify); nothing without NOTIFY_SOCKET or outside service mode.
+void NotifyServiceReady();
+
+// Opens whatever of descriptors 0, 1 and 2 is closed on /dev/null, so that
+// no socket or pipe of the helper's ever takes their numbers (a child gets
+// its own on those numbers, and 0 stands for "none" among process handles).
+void OpenStandardDescriptors();
+
+// The stand-alone instance lock: an exclusive, non-blocking flock on
+// $XDG_RUNTIME_DIR/orvel-vpn-helper.lock (when that is set and absolute),
+// else /tmp/orvel-vpn-helper-<uid>.lock; never follows a link. False when
+// the lock is held by another instance or cannot be opened. The lock goes
+// with the process, however it ends.
+bool TakeInstanceLock();
+
+// SIGTERM, SIGINT and SIGHUP are blocked in every thread (call before the
+// first thread starts) and taken by one thread of their own, which puts the
+// user's proxy back, stops the core and ends the helper with exit code 0.
+void BlockTerminationSignals();
+void StartTerminationWatcher();
+
+}  // namespace orvel

@@ -1,0 +1,386 @@
+#include <fcntl.h>
+#include <gio/gio.h>
+// Only to tell which backend GSettings uses (a memory backend keeps nothing).
+#define G_SETTINGS_ENABLE_BACKEND
+#include <gio/gsettingsbackend.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "core/data_files.h"
+#include "core/paths.h"
+#include "core/run_mode.h"
+#include "log/log_buffer.h"
+#include "sysproxy/desktop_proxy_state.h"
+#include "sysproxy/proxy_state.h"
+#include "sysproxy/system_proxy.h"
+
+extern char** environ;
+
+namespace orvel {
+
+namespace {
+
+// The desktop's proxy settings: GSettings org.gnome.system.proxy (GNOME,
+// Cinnamon, Budgie, and every GTK and Chromium program on any desktop), and on
+// KDE Plasma also kioslaverc's [Proxy Settings] (KDE programs).
+constexpr const char* kProxySchema = "org.gnome.system.proxy";
+struct GKey {
+  const char* schema;
+  const char* key;
+};
+constexpr GKey kGKeys[] = {
+    {"org.gnome.system.proxy", "mode"},         {"org.gnome.system.proxy", "autoconfig-url"},
+    {"org.gnome.system.proxy", "ignore-hosts"}, {"org.gnome.system.proxy", "use-same-proxy"},
+    {"org.gnome.system.proxy.http", "host"},    {"org.gnome.system.proxy.http", "port"},
+    {"org.gnome.system.proxy.https", "host"},   {"org.gnome.system.proxy.https", "port"},
+    {"org.gnome.system.proxy.socks", "host"},   {"org.gnome.system.proxy.socks", "port"},
+};
+constexpr const char* kKdeKeys[] = {"ProxyType", "httpProxy", "httpsProxy", "socksProxy",
+                                    "NoProxyFor"};
+// What kreadconfig prints for a key that is not there (it cannot tell
+// absent from empty otherwise).
+constexpr const char* kKdeAbsent = "\x01orvel-absent";
+
+struct DesktopProxy {
+  bool saved = false;
+  DesktopProxyState state;  // the user's settings; `helper` what the helper set
+} Saved;
+
+std::string GKeyName(const GKey& key) {
+  return std::string("gsettings:") + key.schema + ":" + key.key;
+}
+
+// One GSettings object per schema, released with the record.
+struct SchemaSettings {
+  GSettings* settings = nullptr;
+  explicit SchemaSettings(const char* schema) : settings(g_settings_new(schema)) {}
+  ~SchemaSettings() { g_object_unref(settings); }
+  SchemaSettings(const SchemaSettings&) = delete;
+  SchemaSettings& operator=(const SchemaSettings&) = delete;
+};
+
+bool KdeApplies() {
+  const char* desktops = std::getenv("XDG_CURRENT_DESKTOP");
+  const std::string list = std::string(":") + (desktops != nullptr ? desktops : "") + ":";
+  return list.find(":KDE:") != std::string::npos;
+}
+
+bool SchemaInstalled() {
+  GSettingsSchemaSource* source = g_settings_schema_source_get_default();
+  GSettingsSchema* schema =
+      source != nullptr ? g_settings_schema_source_lookup(source, kProxySchema, TRUE) : nullptr;
+  if (schema == nullptr) return false;
+  g_settings_schema_unref(schema);
+  return true;
+}
+
+// GSettings keeps what is written only with a session bus and a lasting
+// backend (dconf); the memory backend takes every write and forgets it.
+bool GSettingsLast() {
+  GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
+  if (bus == nullptr) return false;
+  g_object_unref(bus);
+  GSettingsBackend* backend = g_settings_backend_get_default();
+  const std::string type = G_OBJECT_TYPE_NAME(backend);
+  g_object_unref(backend);
+  return type != "GMemorySettingsBackend" && type != "GNullSettingsBackend";
+}
+
+// Runs kreadconfig/kwriteconfig (the session's version) and returns its
+// output without the last line feed; false when it did not exit 0.
+bool RunKdeConfig(bool write, std::vector<std::string> arguments, std::string& output) {
+  const char* version = std::getenv("KDE_SESSION_VERSION");
+  const std::string tool = std::string(write ? "kwriteconfig" : "kreadconfig") +
+                           (version != nullptr && std::string(version) == "6" ? "6" : "5");
+  arguments.insert(arguments.begin(), {tool, "--file", "kioslaverc", "--group", "Proxy Settings"});
+  std::vector<char*> argv;
+  for (std::string& argument : arguments) argv.push_back(argument.data());
+  argv.push_back(nullptr);
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) return false;
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+  pid_t pid = -1;
+  const bool spawned = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0;
+  posix_spawn_file_actions_destroy(&actions);
+  close(ends[1]);
+  output.clear();
+  char chunk[4096];
+  for (ssize_t got; spawned && (got = read(ends[0], chunk, sizeof(chunk))) > 0;) {
+    output.append(chunk, static_cast<std::size_t>(got));
+  }
+  close(ends[0]);
+  int status = 0;
+  if (!spawned || waitpid(pid, &status, 0) != pid) return false;
+  if (!output.empty() && output.back() == '\n') output.pop_back();
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+bool ReadKdeKey(const char* key, DesktopProxySetting& setting) {
+  std::string value;
+  if (!RunKdeConfig(false, {"--key", key, "--default", kKdeAbsent}, value)) return false;
+  setting = {std::string("kde:") + key, value == kKdeAbsent, value == kKdeAbsent ? "" : value};
+  return true;
+}
+
+bool WriteKdeKey(const std::string& key, const DesktopProxySetting& value) {
+  std::string ignored;
+  return value.isDefault ? RunKdeConfig(true, {"--key", key, "--delete"}, ignored)
+                         : RunKdeConfig(true, {"--key", key, value.text}, ignored);
+}
+
+// Running KDE programs read kioslaverc again; nobody listening is no error.
+void TellKdeProgramsToReread() {
+  GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
+  if (bus == nullptr) return;
+  g_dbus_connection_emit_signal(bus, nullptr, "/KIO/Scheduler", "org.kde.KIO.Scheduler",
+                                "reparseSlaveConfiguration", g_variant_new("(s)", ""), nullptr);
+  g_dbus_connection_flush_sync(bus, nullptr, nullptr);
+  g_object_unref(bus);
+}
+
+// Writes `wanted` (GSettings keys and KDE keys) in one delayed-apply
+// transaction per schema, syncs, and reads every GSettings key back.
+bool WriteSettings(const std::vector<DesktopProxySetting>& wanted) {
+  bool stuck = true;
+  for (const char* schema : {"org.gnome.system.proxy", "org.gnome.system.proxy.http",
+                             "org.gnome.system.proxy.https", "org.gnome.system.proxy.socks"}) {
+    const std::string prefix = std::string("gsettings:") + schema + ":";
+    std::vector<std::pair<std::string, const DesktopProxySetting*>> mine;
+    for (const DesktopProxySetting& setting : wanted) {
+      const std::string_view key = setting.key;
+      if (key.starts_with(prefix) && key.substr(prefix.size()).find(':') == std::string::npos) {
+        mine.emplace_back(std::string(key.substr(prefix.size())), &setting);
+      }
+    }
+    if (mine.empty()) continue;
+    SchemaSettings settings(schema);
+    g_settings_delay(settings.settings);
+    for (const auto& [key, setting] : mine) {
+      if (setting->isDefault) {
+        g_settings_reset(settings.settings, key.c_str());
+        continue;
+      }
+      GVariant* value = g_variant_parse(nullptr, setting->text.c_str(), nullptr, nullptr, nullptr);
+      stuck =
+          value != nullptr && g_settings_set_value(settings.settings, key.c_str(), value) && stuck;
+    }
+    g_settings_apply(settings.settings);
+  }
+  g_settings_sync();
+  // Read back through fresh objects: what the backend now holds.
+  for (const DesktopProxySetting& setting : wanted) {
+    for (const GKey& key : kGKeys) {
+      if (GKeyName(key) != setting.key) continue;
+      SchemaSettings settings(key.schema);
+      GVariant* user = g_settings_get_user_value(settings.settings, key.key);
+      gchar* text = user != nullptr ? g_variant_print(user, TRUE) : nullptr;
+      stuck =
+          stuck && (setting.isDefault ? user == nullptr : text != nullptr && setting.text == text);
+      g_free(text);
+      if (user != nullptr) g_variant_unref(user);
+    }
+  }
+  for (const DesktopProxySetting& setting : wanted) {
+    if (setting.key.starts_with("kde:")) {
+      stuck = WriteKdeKey(setting.key.substr(4), setting) && stuck;
+    }
+  }
+  return stuck;
+}
+
+// What the helper's values look like in the settings: the http proxy.
+std::string HelperMarker(int port) {
+  return "http://127.0.0.1:" + std::to_string(port >= 1 && port <= 65535 ? port : 7897);
+}
+
+// The http proxy the settings point at now, in the same form ("" when not
+// manual).
+std::string CurrentMarker() {
+  if (SchemaInstalled() && GSettingsLast()) {
+    SchemaSettings proxy(kProxySchema);
+    SchemaSettings http("org.gnome.system.proxy.http");
+    gchar* mode = g_settings_get_string(proxy.settings, "mode");
+    gchar* host = g_settings_get_string(http.settings, "host");
+    const std::string marker = std::string(mode) == "manual"
+                                   ? "http://" + std::string(host) + ":" +
+                                         std::to_string(g_settings_get_int(http.settings, "port"))
+                                   : "";
+    g_free(mode);
+    g_free(host);
+    return marker;
+  }
+  DesktopProxySetting http;
+  return KdeApplies() && ReadKdeKey("httpProxy", http) && !http.isDefault ? http.text : "";
+}
+
+std::filesystem::path StatePath() { return GetDataDirectory() / "proxy-state.txt"; }
+
+// Whole under a temporary name, synced, then renamed over the old one.
+bool WriteStateFile(const DesktopProxyState& state, std::string& reason) {
+  const std::string bytes = EncodeDesktopProxyState(state);
+  std::string directoryError;
+  if (!CreateDirectoryTree(GetDataDirectory(), directoryError)) {
+    reason = "data directory: " + directoryError;
+    return false;
+  }
+  const std::filesystem::path path = StatePath();
+  const std::filesystem::path temporary = path.string() + ".tmp";
+  const int file = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  const bool written =
+      file >= 0 && write(file, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()) &&
+      fsync(file) == 0;
+  const int error = errno;
+  if (file >= 0) close(file);
+  std::error_code ec;
+  if (written) std::filesystem::rename(temporary, path, ec);
+  if (written && !ec) return true;
+  reason = std::string(file < 0  ? "create"
+                       : written ? "rename"
+                                 : "write") +
+           ": " + std::system_category().message(ec ? ec.value() : error);
+  std::filesystem::remove(temporary, ec);
+  return false;
+}
+
+}  // namespace
+
+bool SaveSystemProxy(std::string& errorMessage) {
+  if (Saved.saved || IsRunningAsService()) return true;
+  DesktopProxyState state;
+  if (SchemaInstalled()) {
+    for (const GKey& key : kGKeys) {
+      SchemaSettings settings(key.schema);
+      GVariant* user = g_settings_get_user_value(settings.settings, key.key);
+      DesktopProxySetting setting{GKeyName(key), user == nullptr, ""};
+      if (user != nullptr) {
+        gchar* text = g_variant_print(user, TRUE);
+        setting.text = text;
+        g_free(text);
+        g_variant_unref(user);
+      }
+      state.settings.push_back(setting);
+    }
+  }
+  if (KdeApplies()) {
+    for (const char* key : kKdeKeys) {
+      DesktopProxySetting setting;
+      if (!ReadKdeKey(key, setting)) {
+        errorMessage = "Failed to read desktop proxy settings";
+        return false;
+      }
+      state.settings.push_back(setting);
+    }
+  }
+  Saved = {true, state};
+  return true;
+}
+
+bool EnableSystemProxy(int port, std::string& errorMessage) {
+  if (IsRunningAsService()) return true;
+  // Settings that would not last are never reported set; nothing is saved or
+  // changed, so the restore after the failed start has nothing to write.
+  const bool gsettings = SchemaInstalled();
+  if (!GSettingsLast() || (!gsettings && !KdeApplies())) {
+    errorMessage = "Failed to enable desktop system proxy";
+    return false;
+  }
+  if (!SaveSystemProxy(errorMessage)) return false;
+  Saved.state.helper = HelperMarker(port);
+  std::string reason;
+  if (!WriteStateFile(Saved.state, reason)) {
+    HelperLog().Append(std::string(kCrashRecoveryOff) + reason);
+  }
+  const std::string at = Saved.state.helper.substr(7);  // 127.0.0.1:port
+  const std::string portText = at.substr(at.find(':') + 1);
+  std::vector<DesktopProxySetting> wanted;
+  if (gsettings) {
+    wanted = {{"gsettings:org.gnome.system.proxy:mode", false, "'manual'"},
+              {"gsettings:org.gnome.system.proxy:ignore-hosts", false,
+               "['localhost', '127.0.0.1', '::1']"}};
+    for (const char* kind : {"http", "https", "socks"}) {
+      const std::string schema = std::string("gsettings:org.gnome.system.proxy.") + kind;
+      wanted.push_back({schema + ":host", false, "'127.0.0.1'"});
+      wanted.push_back({schema + ":port", false, portText});
+    }
+  }
+  if (KdeApplies()) {
+    wanted.push_back({"kde:ProxyType", false, "1"});
+    wanted.push_back({"kde:httpProxy", false, "http://" + at});
+    wanted.push_back({"kde:httpsProxy", false, "http://" + at});
+    wanted.push_back({"kde:socksProxy", false, "socks://" + at});
+    wanted.push_back({"kde:NoProxyFor", false, "localhost,127.0.0.1,::1"});
+  }
+  if (!WriteSettings(wanted)) {
+    errorMessage = "Failed to enable desktop system proxy";
+    return false;
+  }
+  if (KdeApplies()) TellKdeProgramsToReread();
+  return true;
+}
+
+bool RestoreSystemProxy(std::string& errorMessage) {
+  if (!Saved.saved) return true;
+  if (!GSettingsLast() || !WriteSettings(Saved.state.settings)) {
+    errorMessage = "Failed to restore desktop system proxy";
+    return false;
+  }
+  if (KdeApplies()) TellKdeProgramsToReread();
+  Saved = {};
+  // Only now: a crash before this line leaves the file for the next helper,
+  // which finds the user's settings back in place and leaves them.
+  std::error_code ignored;
+  std::filesystem::remove(StatePath(), ignored);
+  return true;
+}
+
+void RecoverSystemProxyAtStartup() {
+  if (IsRunningAsService()) return;
+  const std::filesystem::path path = StatePath();
+  std::error_code ignored;
+  // A write that the last helper did not finish; the file it would have
+  // replaced, if any, is still whole.
+  std::filesystem::remove(path.string() + ".tmp", ignored);
+  if (!std::filesystem::exists(path, ignored)) return;
+  std::ifstream file(path, std::ios::binary);
+  std::string bytes;
+  bytes.resize(kMaxProxyStateBytes + 1);
+  file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  bytes.resize(static_cast<std::size_t>(file.gcount()));
+  DesktopProxyState state;
+  if (!ParseDesktopProxyState(bytes, state)) {
+    std::filesystem::remove(path, ignored);
+    HelperLog().Append(
+        "Removed an unreadable saved proxy settings file; system proxy left as it is");
+    return;
+  }
+  if (CurrentMarker() != state.helper) {
+    std::filesystem::remove(path, ignored);
+    HelperLog().Append(
+        "System proxy changed since the helper last set it; kept it and removed the saved proxy "
+        "settings");
+    return;
+  }
+  Saved = {true, state};
+  std::string errorMessage;
+  if (RestoreSystemProxy(errorMessage)) {
+    HelperLog().Append("Restored the proxy settings saved before the helper last ended");
+  } else {
+    HelperLog().Append("Proxy settings saved before the helper last ended not restored yet: " +
+                       errorMessage);
+  }
+}
+
+}  // namespace orvel

@@ -1,0 +1,119 @@
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <thread>
+
+#include "doubles/fake_sing_box.h"
+
+namespace fake {
+
+namespace {
+
+std::vector<std::string> Arguments;  // argv, the program's own name first
+
+void Write(int fd, const std::string& bytes) {
+  for (std::size_t done = 0; done < bytes.size();) {
+    const ssize_t written = write(fd, bytes.data() + done, bytes.size() - done);
+    if (written <= 0) return;
+    done += static_cast<std::size_t>(written);
+  }
+}
+
+// The real core exits 0 on SIGTERM after taking its TUN device down; the
+// record tells a test which signal the helper sent.
+void OnTerminate(int) {
+  const std::string path = (RecordsDirectory() / "core-signal.txt").string();
+  const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (file >= 0) {
+    static const char kText[] = "signal=SIGTERM\n";
+    [[maybe_unused]] const ssize_t ignored = write(file, kText, sizeof(kText) - 1);
+    close(file);
+  }
+  _exit(0);
+}
+
+}  // namespace
+
+void SleepMs(unsigned long ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
+void SleepForever() {
+  for (;;) pause();
+}
+std::string ProcessId() { return std::to_string(getpid()); }
+
+std::string CommandLine() {
+  std::string text;
+  for (const std::string& argument : Arguments) text += (text.empty() ? "" : "\x1f") + argument;
+  return text;
+}
+
+std::string CurrentDirectory() {
+  std::error_code ignored;
+  return std::filesystem::current_path(ignored).string();
+}
+
+std::string Variable(const char* name) {
+  const char* value = std::getenv(name);
+  return value != nullptr ? value : "";
+}
+
+std::filesystem::path RecordsDirectory() {
+  const char* records = std::getenv("ORVEL_TEST_RECORDS");
+  return records != nullptr && records[0] != '\0' ? records : "/tmp/orvel-test";
+}
+
+void WriteStdout(const std::string& bytes) { Write(STDOUT_FILENO, bytes); }
+void WriteStderr(const std::string& bytes) { Write(STDERR_FILENO, bytes); }
+
+void StayingUp() {
+  signal(SIGTERM, OnTerminate);
+  std::thread([] {
+    for (int second = 0;; ++second) {
+      WriteStderr("INFO[" + std::to_string(second / 10) + "] tick\n");
+      SleepMs(100);
+    }
+  }).detach();
+}
+
+Socket Listen(const std::string& host, unsigned short port) {
+  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int reuse = 1;
+  setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof(reuse));
+  sockaddr_in bound{};
+  bound.sin_family = AF_INET;
+  bound.sin_port = htons(port);
+  inet_pton(AF_INET, host.c_str(), &bound.sin_addr);
+  if (bind(listener, reinterpret_cast<const sockaddr*>(&bound), sizeof(bound)) != 0 ||
+      listen(listener, SOMAXCONN) != 0) {
+    close(listener);
+    return kNoSocket;
+  }
+  return listener;
+}
+
+Socket Accept(Socket listener) {
+  const int client = accept4(static_cast<int>(listener), nullptr, nullptr, SOCK_CLOEXEC);
+  return client < 0 ? kNoSocket : client;
+}
+
+bool SendText(Socket s, const std::string& bytes) {
+  return send(static_cast<int>(s), bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
+         static_cast<ssize_t>(bytes.size());
+}
+
+long Receive(Socket s, char* buffer, std::size_t size) {
+  return recv(static_cast<int>(s), buffer, size, 0);
+}
+
+void CloseSocket(Socket s) { close(static_cast<int>(s)); }
+
+}  // namespace fake
+
+int main(int argc, char** argv) {
+  fake::Arguments.assign(argv, argv + argc);
+  return fake::RunFakeCore(std::vector<std::string>(argv + 1, argv + argc));
+}

@@ -1,0 +1,94 @@
+#include <winsock2.h>
+#include <ws2tcpip.h>
+
+#include "doubles/fake_sing_box.h"
+
+namespace fake {
+
+namespace {
+
+std::string WideToUtf8(const std::wstring& text) {
+  const int length = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
+                                         nullptr, 0, nullptr, nullptr);
+  std::string out(static_cast<std::size_t>(length), '\0');
+  WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), length,
+                      nullptr, nullptr);
+  return out;
+}
+
+void WriteOut(DWORD which, const std::string& bytes) {
+  DWORD written = 0;
+  WriteFile(GetStdHandle(which), bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr);
+}
+
+}  // namespace
+
+void SleepMs(unsigned long ms) { Sleep(ms); }
+void SleepForever() {
+  for (;;) Sleep(INFINITE);
+}
+std::string ProcessId() { return std::to_string(GetCurrentProcessId()); }
+std::string CommandLine() { return WideToUtf8(GetCommandLineW()); }
+
+std::string CurrentDirectory() {
+  wchar_t directory[MAX_PATH] = {};
+  GetCurrentDirectoryW(MAX_PATH, directory);
+  return WideToUtf8(directory);
+}
+
+std::string Variable(const char* name) {
+  char value[64] = {};
+  GetEnvironmentVariableA(name, value, sizeof(value));
+  return value;
+}
+
+std::filesystem::path RecordsDirectory() { return L"C:\\OrvelTest"; }
+void WriteStdout(const std::string& bytes) { WriteOut(STD_OUTPUT_HANDLE, bytes); }
+void WriteStderr(const std::string& bytes) { WriteOut(STD_ERROR_HANDLE, bytes); }
+void StayingUp() {}
+
+Socket Listen(const std::string& host, unsigned short port) {
+  WSADATA data{};
+  WSAStartup(MAKEWORD(2, 2), &data);
+  SOCKET listener = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  // Tests start a core on this port again and again; without this a
+  // connection of the previous core still in TIME_WAIT blocks the bind.
+  const BOOL reuse = TRUE;
+  setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, reinterpret_cast<const char*>(&reuse),
+             sizeof(reuse));
+  sockaddr_in bound{};
+  bound.sin_family = AF_INET;
+  bound.sin_port = htons(port);
+  inet_pton(AF_INET, host.c_str(), &bound.sin_addr);
+  if (bind(listener, reinterpret_cast<const sockaddr*>(&bound), sizeof(bound)) != 0 ||
+      listen(listener, SOMAXCONN) != 0) {
+    closesocket(listener);
+    return kNoSocket;
+  }
+  return static_cast<Socket>(listener);
+}
+
+Socket Accept(Socket listener) {
+  const SOCKET client = accept(static_cast<SOCKET>(listener), nullptr, nullptr);
+  return client == INVALID_SOCKET ? kNoSocket : static_cast<Socket>(client);
+}
+
+// A blocking send returns once all of it is on its way, or fails.
+bool SendText(Socket s, const std::string& bytes) {
+  return send(static_cast<SOCKET>(s), bytes.data(), static_cast<int>(bytes.size()), 0) ==
+         static_cast<int>(bytes.size());
+}
+
+long Receive(Socket s, char* buffer, std::size_t size) {
+  return recv(static_cast<SOCKET>(s), buffer, static_cast<int>(size), 0);
+}
+
+void CloseSocket(Socket s) { closesocket(static_cast<SOCKET>(s)); }
+
+}  // namespace fake
+
+int wmain(int argc, wchar_t** argv) {
+  std::vector<std::string> args;
+  for (int i = 1; i < argc; ++i) args.push_back(fake::WideToUtf8(argv[i]));
+  return fake::RunFakeCore(args);
+}

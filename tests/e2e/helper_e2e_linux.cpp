@@ -1,0 +1,641 @@
+// What only the Linux build has, against the real kernel: the signals that
+// stop the helper, children that never outlive it nor hold a client's
+// connection, the data directory of each run mode, and who may use the helper
+// (real accounts, made here and removed in every outcome) and how many
+// connections it holds.
+#include <grp.h>
+#include <poll.h>
+#include <pwd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <future>
+
+#include "e2e/helper_e2e.h"
+
+namespace orvel::test {
+
+// The desktop's proxy settings as the session's gsettings program sees them.
+std::string Gsettings(std::vector<std::string> arguments) {
+  return std::get<1>(RunProgram("/usr/bin/gsettings", arguments));
+}
+std::string ProxySettings() { return Gsettings({"list-recursively", "org.gnome.system.proxy"}); }
+void ResetUserProxy() {
+  for (const char* schema : {"org.gnome.system.proxy", "org.gnome.system.proxy.http",
+                             "org.gnome.system.proxy.https", "org.gnome.system.proxy.socks"}) {
+    Gsettings({"reset-recursively", schema});
+  }
+}
+// A company proxy with its own bypass list.
+void SetUserProxy() {
+  Gsettings({"set", "org.gnome.system.proxy", "mode", "manual"});
+  Gsettings({"set", "org.gnome.system.proxy", "ignore-hosts", "['*.corp.example', 'localhost']"});
+  Gsettings({"set", "org.gnome.system.proxy.http", "host", "corp-proxy.example"});
+  Gsettings({"set", "org.gnome.system.proxy.http", "port", "8080"});
+}
+void ExpectUserProxyUntouched() {
+  const std::string settings = ProxySettings();
+  EXPECT_NE(settings.find("org.gnome.system.proxy mode 'manual'\n"), std::string::npos);
+  EXPECT_NE(settings.find("org.gnome.system.proxy.http host 'corp-proxy.example'\n"),
+            std::string::npos);
+  EXPECT_NE(settings.find("org.gnome.system.proxy.http port 8080\n"), std::string::npos);
+}
+const bool kListsSocketOwners = true;
+
+std::thread ServeOneAnswer(unsigned short port, std::string answer) {
+  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+  listen(listener, 1);
+  return std::thread([listener, answer] {
+    const int peer = accept(listener, nullptr, nullptr);
+    char request[4096];
+    recv(peer, request, sizeof(request), 0);
+    send(peer, answer.data(), answer.size(), MSG_NOSIGNAL);
+    close(peer);
+    close(listener);
+  });
+}
+
+// SIGINT goes to the program's own pid; the test runner never sees it.
+void PrepareToInterruptChildren() {}
+
+namespace {
+
+// Runs `work` in a child that has become `uid` (primary group `gid`, no
+// others) and returns what it wrote to its pipe; the child ends after
+// `holdMs`, keeping whatever it opened until then.
+template <typename Work>
+std::string RunAs(uid_t uid, gid_t gid, Work work, unsigned holdMs = 0) {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) return "pipe failed";
+  const pid_t pid = fork();
+  if (pid == 0) {
+    close(ends[0]);
+    if (setgroups(0, nullptr) != 0 || setgid(gid) != 0 || setuid(uid) != 0) _exit(1);
+    // A copy of the test runner: it must never go on with the tests.
+    std::string result;
+    try {
+      result = work();
+    } catch (...) {
+      _exit(1);
+    }
+    [[maybe_unused]] const ssize_t written = write(ends[1], result.data(), result.size());
+    close(ends[1]);
+    std::this_thread::sleep_for(std::chrono::milliseconds(holdMs));
+    _exit(0);
+  }
+  close(ends[1]);
+  std::string result;
+  char chunk[4096];
+  for (ssize_t got; (got = read(ends[0], chunk, sizeof(chunk))) > 0;) result.append(chunk, got);
+  close(ends[0]);
+  WaitForExit(pid, holdMs + 30000);
+  return result;
+}
+
+// A throwaway system account, removed with its group (when it made one) in
+// every outcome.
+struct Account {
+  std::string name;
+  uid_t uid = 0;
+  gid_t gid = 0;
+  explicit Account(std::string accountName) : name(std::move(accountName)) {
+    std::system(("userdel " + name + " >/dev/null 2>&1; useradd --system --no-create-home " +
+                 "--user-group " + name + " >/dev/null 2>&1")
+                    .c_str());
+    if (const passwd* entry = getpwnam(name.c_str())) {
+      uid = entry->pw_uid;
+      gid = entry->pw_gid;
+    }
+  }
+  ~Account() { std::system(("userdel " + name + " >/dev/null 2>&1").c_str()); }
+  Account(const Account&) = delete;
+  Account& operator=(const Account&) = delete;
+};
+
+// Silent connections held open by this process.
+std::vector<client::ClientSocket> OpenSilent(int count) {
+  std::vector<client::ClientSocket> sockets(count);
+  for (client::ClientSocket& s : sockets) ConnectToHelper(s);
+  return sockets;
+}
+
+// Whether the helper closed `s` within `ms` without a byte.
+bool ClosedWithoutAnswer(const client::ClientSocket& s, int ms) {
+  char byte;
+  return client::ReceiveSome(s, &byte, 1, ms) == client::kReceiveClosed;
+}
+
+// A child process that opens sockets with `open` and holds them until the
+// returned guard goes; the guard waits for it to be ready first.
+struct SocketHolder {
+  pid_t pid = -1;
+  int release = -1;
+  template <typename Open>
+  explicit SocketHolder(Open open) {
+    int ready[2], hold[2];
+    if (pipe(ready) != 0 || pipe(hold) != 0) return;
+    pid = fork();
+    if (pid == 0) {
+      close(ready[0]);
+      close(hold[1]);
+      open();
+      [[maybe_unused]] const ssize_t written = write(ready[1], "r", 1);
+      char byte;
+      [[maybe_unused]] const ssize_t got = read(hold[0], &byte, 1);  // until the parent lets go
+      _exit(0);
+    }
+    close(ready[1]);
+    close(hold[0]);
+    char byte;
+    [[maybe_unused]] const ssize_t got = read(ready[0], &byte, 1);
+    close(ready[0]);
+    release = hold[1];
+  }
+  ~SocketHolder() {
+    close(release);
+    WaitForExit(pid, 10000);
+  }
+  SocketHolder(const SocketHolder&) = delete;
+  SocketHolder& operator=(const SocketHolder&) = delete;
+};
+
+// A socket of `type` on `bind` (127.0.0.2), connected to 127.0.0.2:`peer`
+// when that is not 0; left open for the process's life.
+void OpenSocket(int type, std::uint16_t bindPort, std::uint16_t peer) {
+  const int s = socket(AF_INET, type, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(0x7F000002);
+  address.sin_port = htons(bindPort);
+  if (peer == 0) {
+    bind(s, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+  } else {
+    address.sin_port = htons(peer);
+    connect(s, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+  }
+}
+
+// A copy of the helper in a fresh folder under /tmp that every account may
+// enter: the build tree may lie in root's own home, closed to the others.
+fs::path CopyForAnyAccount() {
+  char folder[] = "/tmp/orvel-e2e-user-XXXXXX";
+  if (mkdtemp(folder) == nullptr) return {};
+  fs::permissions(folder, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                              fs::perms::others_read | fs::perms::others_exec);
+  const fs::path exe = fs::path(folder) / "orvel-vpn-helper";
+  fs::copy_file(BinDirectory() / "orvel-vpn-helper", exe);
+  return exe;
+}
+
+std::size_t CountOf(const std::string& text, const std::string& part) {
+  std::size_t count = 0;
+  for (std::size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size()) {
+    ++count;
+  }
+  return count;
+}
+
+TEST_F(Helper, SnapshotNamesTheProcessesBehindTheSockets) {
+  ASSERT_EQ(Post("/start-tun", Config()), kTunConnected);
+  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(0x7F000002);
+  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+  socklen_t length = sizeof(address);
+  getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+  listen(listener, 16);
+  const std::uint16_t peer = ntohs(address.sin_port);
+  const std::string entry =
+      "{\"processName\":\"helper_e2e\",\"policy\":\"Proxy\",\"totalBytes\":0,"
+      "\"uploadBytesPerSecond\":0,\"downloadBytesPerSecond\":0,"
+      "\"durationSeconds\":0,\"status\":\"Active\",\"method\":\"";
+  {
+    // Two processes on one peer: two entries; one process with two sockets
+    // to that peer: one. A UDP socket on port 443 is "HTTPS".
+    SocketHolder one([&] { OpenSocket(SOCK_STREAM, 0, peer); });
+    SocketHolder two([&] {
+      OpenSocket(SOCK_STREAM, 0, peer);
+      OpenSocket(SOCK_STREAM, 0, peer);
+    });
+    SocketHolder udp([] { OpenSocket(SOCK_DGRAM, 443, 0); });
+    const std::string snapshot = TakeSnapshot();
+    EXPECT_EQ(
+        CountOf(snapshot, entry + "TCP\",\"host\":\"127.0.0.2:" + std::to_string(peer) + "\"}"), 2u)
+        << snapshot;
+    EXPECT_EQ(CountOf(snapshot, entry + "HTTPS\",\"host\":\"127.0.0.2:443\"}"), 1u) << snapshot;
+    EXPECT_EQ(CountOf(snapshot, "{\"processName\":\"orvel-vpn-helper\","), 1u) << snapshot;
+  }
+  // 200 sockets of one process: 80 entries.
+  SocketHolder many([] {
+    for (int i = 0; i < 200; ++i) OpenSocket(SOCK_DGRAM, 0, 0);
+  });
+  EXPECT_EQ(CountOf(TakeSnapshot(), "{\"processName\":"), 80u);
+  close(listener);
+}
+
+TEST_F(Helper, SignalsStopInOrderAndNoChildOutlivesTheHelper) {
+  // A client's connection ends when its answer is sent, although the core
+  // it started lives on: the core holds no copy of the client's socket.
+  client::ClientSocket socket;
+  ASSERT_TRUE(ConnectToHelper(socket) &&
+              client::SendAllBytes(socket, BuildRequest("POST", "/start-tun", Config())));
+  bool closed = false;
+  EXPECT_EQ(ReadToEnd(socket, &closed, 10000), kTunConnected);
+  EXPECT_TRUE(closed);
+  EXPECT_EQ(CountCores(), 1);
+  // The core keeps logging to its output all along; it must still run.
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  EXPECT_EQ(Status(), kRunning);
+  // SIGTERM, SIGINT and SIGHUP: the core stopped with SIGTERM, exit 0, the
+  // port closed.
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+    SCOPED_TRACE(signal);
+    ASSERT_TRUE(helper.Running() || Restart()) << helper.error;
+    ResetTestRecords();
+    ASSERT_EQ(Post("/start-tun", Config()), kTunConnected);
+    CoreRun();
+    EXPECT_EQ(helper.EndWith(signal), 0);
+    EXPECT_EQ(ReadFileBytes(RecordPath("core-signal.txt")), "signal=SIGTERM\n");
+    EXPECT_EQ(CountCores(), 0);
+    EXPECT_EQ(ExchangeRaw("GET /ping HTTP/1.1\r\n\r\n"), "");
+  }
+
+  // SIGKILL during a URL test and with a core running: within 3 s the core
+  // has had its SIGTERM and every test process is gone.
+  ASSERT_TRUE(Restart()) << helper.error;
+  ResetTestRecords();
+  ASSERT_EQ(Post("/start-tun", Config()), kTunConnected);
+  CoreRun();
+  std::vector<std::string> tags;
+  for (int i = 1; i <= 12; ++i) tags.push_back(std::to_string(i) + "-hang");
+  client::ClientSocket stream;
+  ASSERT_TRUE(StartUrlTest(Body("killed", tags), stream));
+  ASSERT_EQ(WaitForFetchRecords(12, 15000).size(), 12u);
+  helper.Kill();
+  EXPECT_EQ(WaitUntilNoCore(3000), 0);
+  EXPECT_EQ(ReadFileBytes(RecordPath("core-signal.txt")), "signal=SIGTERM\n");
+}
+
+TEST_F(Helper, DataDirectoryFollowsTheRunModeAndTheUsersHome) {
+  // The service: the first entry of $STATE_DIRECTORY.
+  const fs::path state = WorkDirectory() / "state";
+  fs::create_directories(state);
+  setenv("STATE_DIRECTORY", (state.string() + ":" + (WorkDirectory() / "other").string()).c_str(),
+         1);
+  ASSERT_TRUE(Restart(CorePlacement::kBesideExe, {}, false, {"--service"})) << helper.error;
+  unsetenv("STATE_DIRECTORY");
+  EXPECT_EQ(Post("/start-tun", Config()), kTunConnected);
+  EXPECT_EQ(ReadFileBytes(state / "sing-box.json"), Config());
+  EXPECT_EQ(CoreRun()["workingDirectory"], state.string());
+  // No XDG_DATA_HOME and no HOME: the home of the password database, here a
+  // throwaway account's, whose helper takes its lock in /tmp and finds the
+  // core on PATH.
+  helper.Stop();
+  const Account user("orvel-e2e-home");
+  const fs::path home = fs::path("/tmp") / ("orvel-e2e-home-" + std::to_string(getpid()));
+  fs::remove_all(home);
+  fs::create_directories(home);
+  ASSERT_EQ(std::system(("usermod --home " + home.string() + " " + user.name).c_str()), 0);
+  ASSERT_EQ(chown(home.c_str(), user.uid, user.gid), 0);
+  // Paths taken before the switch.
+  const fs::path exe = CopyForAnyAccount();
+  fs::create_directories(exe.parent_path() / "bin");
+  fs::copy_file(DoublesDirectory() / "sing-box", exe.parent_path() / "bin" / "sing-box");
+  const std::string path = exe.parent_path().string() + "/bin:/usr/bin:/bin";
+  const pid_t own = fork();
+  if (own == 0) {
+    unsetenv("HOME");
+    unsetenv("XDG_DATA_HOME");
+    unsetenv("XDG_RUNTIME_DIR");
+    setenv("PATH", path.c_str(), 1);
+    if (setgroups(0, nullptr) != 0 || setgid(user.gid) != 0 || setuid(user.uid) != 0) _exit(1);
+    StartProgram(exe, {}, "/");
+    _exit(0);
+  }
+  WaitForExit(own, 10000);
+  for (int i = 0; i < 500 && ExchangeRaw("GET /ping HTTP/1.1\r\n\r\n") != kPong; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  // Root may use any user's helper.
+  EXPECT_EQ(Post("/start-tun", Config()), kTunConnected);
+  EXPECT_EQ(ReadFileBytes(home / ".local/share/OrvelVPN/sing-box.json"), Config());
+  // This user's helper names its own processes, never another user's: a
+  // socket of root's is listed by its owner's pid form only.
+  {
+    SocketHolder rootSocket([] { OpenSocket(SOCK_DGRAM, 443, 0); });
+    const std::string snapshot = TakeSnapshot();
+    EXPECT_NE(snapshot.find("{\"processName\":\"pid-0\",\"policy\":\"Proxy\",\"totalBytes\":0,"
+                            "\"uploadBytesPerSecond\":0,\"downloadBytesPerSecond\":0,"
+                            "\"durationSeconds\":0,\"status\":\"Active\",\"method\":\"HTTPS\","
+                            "\"host\":\"127.0.0.2:443\"}"),
+              std::string::npos)
+        << snapshot;
+    EXPECT_EQ(snapshot.find("helper_e2e"), std::string::npos) << snapshot;
+    EXPECT_NE(snapshot.find("{\"processName\":\"orvel-vpn-helper\","), std::string::npos);
+  }
+  std::error_code ec;
+  for (const auto& entry : fs::directory_iterator("/proc", ec)) {
+    std::error_code gone;
+    if (fs::read_symlink(entry.path() / "exe", gone) == exe) {
+      kill(std::stoi(entry.path().filename().string()), SIGTERM);
+    }
+  }
+  for (int i = 0; i < 500 && !ExchangeRaw("GET /ping HTTP/1.1\r\n\r\n").empty(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  fs::remove_all(exe.parent_path(), ec);
+  fs::remove_all(home, ec);
+}
+
+TEST_F(Helper, OnlyItsOwnUsersAreServedAndNoClientHoldsItUp) {
+  const std::string ping = BuildRequest("GET", "/ping");
+  const auto ask = [](const std::string& request) {
+    return [request] { return ExchangeRaw(request); };
+  };
+  // The stand-alone helper (run as root here): another user is refused
+  // before any route runs, and logged with its uid.
+  const Account member("orvel-e2e-in");
+  const Account stranger("orvel-e2e-out");
+  EXPECT_EQ(RunAs(stranger.uid, stranger.gid, ask(BuildRequest("POST", "/start-tun", Config()))),
+            kForbidden);
+  EXPECT_EQ(CountCores(), 0);
+  EXPECT_EQ(RunAs(stranger.uid, stranger.gid, ask(BuildRequest("GET", "/logs"))), kForbidden);
+  EXPECT_TRUE(LogHasLine("Refused a connection from uid " + std::to_string(stranger.uid) +
+                         ": not allowed to use this helper"));
+  EXPECT_EQ(ExchangeRaw(ping), kPong);  // root
+
+  // The service: members of orvel-vpn, looked up at each request.
+  const bool madeGroup = std::system("getent group orvel-vpn >/dev/null") != 0;
+  if (madeGroup) std::system("groupadd --system orvel-vpn");
+  ASSERT_EQ(std::system(("usermod -aG orvel-vpn " + member.name).c_str()), 0);
+  ASSERT_TRUE(Restart(CorePlacement::kBesideExe, {}, false, {"--service"})) << helper.error;
+  EXPECT_EQ(RunAs(member.uid, member.gid, ask(ping)), kPong);
+  EXPECT_EQ(RunAs(stranger.uid, stranger.gid, ask(ping)), kForbidden);
+  ASSERT_EQ(std::system(("usermod -aG orvel-vpn " + stranger.name).c_str()), 0);
+  EXPECT_EQ(RunAs(stranger.uid, stranger.gid, ask(ping)), kPong);
+
+  // 16 connections of one user: the 17th is closed at once, while another
+  // user (root) is still served.
+  const auto holdSixteen = [](bool openSeventeenth) {
+    return [openSeventeenth] {
+      std::vector<client::ClientSocket> held = OpenSilent(16);
+      if (!openSeventeenth) return std::string("held");
+      client::ClientSocket extra;
+      ConnectToHelper(extra);
+      return ClosedWithoutAnswer(extra, 2000) ? std::string("closed") : std::string("open");
+    };
+  };
+  EXPECT_EQ(RunAs(member.uid, member.gid, holdSixteen(true), 300), "closed");
+  EXPECT_EQ(ExchangeRaw(ping), kPong);
+
+  // 64 connections in all: 16 silent ones of each of three users, and root's
+  // 16: a URL test that streams for 12 s, a head trickled past its 10 s, a
+  // body that pauses 11 s, and 13 silent ones. The 65th is closed at once;
+  // after 10 s the silent ones are closed and a request is answered again.
+  std::vector<std::future<std::string>> holders;
+  for (const auto& [uid, gid] :
+       {std::pair{member.uid, member.gid}, {stranger.uid, stranger.gid}, {65534u, 65534u}}) {
+    holders.push_back(std::async(std::launch::async, [&, uid = uid, gid = gid] {
+      return RunAs(uid, gid, holdSixteen(false), 12000);
+    }));
+  }
+  std::vector<std::string> tags;
+  for (int i = 1; i <= 48; ++i) tags.push_back(std::to_string(i) + "-hang");
+  ResetTestRecords();
+  auto longTest = std::async(std::launch::async, [&] { return RunUrlTest(Body("long", tags)); });
+  ASSERT_EQ(WaitForFetchRecords(12, 15000).size(), 12u);
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));  // the holders' connections are in
+  client::ClientSocket trickle, paused;
+  ASSERT_TRUE(ConnectToHelper(trickle) && ConnectToHelper(paused));
+  client::SendAllBytes(paused, "POST /stop HTTP/1.1\r\nContent-Length: 4\r\n\r\nab");
+  std::vector<client::ClientSocket> silent = OpenSilent(13);
+  client::ClientSocket over;
+  ASSERT_TRUE(ConnectToHelper(over));
+  EXPECT_TRUE(ClosedWithoutAnswer(over, 2000));
+  auto trickled = std::async(std::launch::async, [&] {
+    bool closed = false;
+    for (int i = 0; i < 40 && !closed; ++i) {
+      client::SendAllBytes(trickle, i == 0 ? "GET /ping HTTP/1.1\r\nX: " : "a");
+      closed = ClosedWithoutAnswer(trickle, 500);
+    }
+    return closed;
+  });
+  EXPECT_TRUE(ClosedWithoutAnswer(silent.front(), 15000));
+  EXPECT_TRUE(ClosedWithoutAnswer(paused, 5000));
+  EXPECT_TRUE(trickled.get());
+  EXPECT_EQ(ExchangeRaw(ping), kPong);
+  const UrlTestStream stream = longTest.get();
+  EXPECT_EQ(stream.lines.size(), 48u);
+  EXPECT_GT(stream.closedTick - stream.sentTick, 10000u);
+  for (auto& holder : holders) EXPECT_EQ(holder.get(), "held");
+  EXPECT_TRUE(LogHasLine("Connection limit reached: 1 connections closed"));
+  if (madeGroup) std::system("groupdel orvel-vpn");
+}
+
+// The systemd unit and the polkit rule land in a throwaway mount namespace,
+// never on this machine; the group and the membership are real (and removed).
+TEST_F(Helper, InstallerWritesTheUnitTheRuleAndTheGroupAndTheServiceTellsSystemd) {
+  helper.Stop();
+  const Account user("orvel-e2e-inst");
+  const bool madeGroup = getgrnam("orvel-vpn") == nullptr;
+  std::error_code ec;
+  fs::create_directories("/etc/polkit-1", ec);
+  fs::create_directories("/etc/systemd/system", ec);
+  const fs::path moved = WorkDirectory() / "moved dir";
+  fs::create_directories(moved);
+  fs::copy_file(BinDirectory() / "orvel-vpn-helper", moved / "orvel-vpn-helper",
+                fs::copy_options::overwrite_existing);
+  const std::string script =
+      "mount -t tmpfs none /etc/systemd/system && mount -t tmpfs none /etc/polkit-1 || exit 9\n"
+      "SUDO_UID=" +
+      std::to_string(user.uid) +
+      " \"$0\" --install-service; echo \"rc=$?\"\n"
+      "systemd-analyze verify /etc/systemd/system/orvel-vpn-helper.service 2>&1\n"
+      "readlink /etc/systemd/system/multi-user.target.wants/orvel-vpn-helper.service\n"
+      "cp /etc/polkit-1/rules.d/50-orvel-vpn-helper.rules \"$1/rule.js\"\n"
+      "\"$1/moved dir/orvel-vpn-helper\" --install-service; echo \"rc=$?\"\n"
+      "grep ExecStart /etc/systemd/system/orvel-vpn-helper.service\n"
+      "mount -o remount,ro /etc/systemd/system\n"
+      "\"$0\" --install-service; echo \"rc=$?\"\n";
+  const auto [code, out, err] =
+      RunProgram("/usr/bin/unshare",
+                 {"--mount", "sh", "-c", script, PathText(BinDirectory() / "orvel-vpn-helper"),
+                  PathText(WorkDirectory())});
+  EXPECT_EQ(out,
+            "rc=0\n/etc/systemd/system/orvel-vpn-helper.service\nrc=0\n"
+            "ExecStart=\"" +
+                PathText(moved / "orvel-vpn-helper") + "\" --service\nrc=3\n")
+      << err;
+  const group* entry = getgrnam("orvel-vpn");
+  ASSERT_NE(entry, nullptr);
+  EXPECT_EQ(entry->gr_mem[0] != nullptr ? std::string(entry->gr_mem[0]) : "", user.name);
+  // Not root: refused before anything is written.
+  const fs::path installer = CopyForAnyAccount();
+  EXPECT_EQ(RunAs(user.uid, user.gid,
+                  [&] {
+                    return std::to_string(
+                        WaitForExit(StartProgram(installer, {"--install-service"}, "/"), 10000));
+                  }),
+            "2");
+  fs::remove_all(installer.parent_path(), ec);
+  if (madeGroup) std::system("groupdel orvel-vpn");
+  // The rule, as polkit runs it: start, stop and restart of this unit for
+  // members only.
+  const std::string check =
+      "let rule; const polkit = {Result: {YES: 'yes'}, addRule: f => { rule = f; }};\n"
+      "eval(require('fs').readFileSync(process.argv[1], 'utf8'));\n"
+      "const ask = (id, unit, verb, groups) => rule({id, lookup: k => ({unit, verb})[k]},\n"
+      "    {isInGroup: g => groups.includes(g)}) || 'no';\n"
+      "const manage = 'org.freedesktop.systemd1.manage-units', unit = 'orvel-vpn-helper.service';\n"
+      "console.log([ask(manage, unit, 'start', ['orvel-vpn']), ask(manage, unit, 'stop', "
+      "['orvel-vpn']),\n"
+      "  ask(manage, unit, 'restart', ['orvel-vpn']), ask(manage, unit, 'start', ['users']),\n"
+      "  ask(manage, unit, 'enable', ['orvel-vpn']), ask(manage, 'ssh.service', 'stop', "
+      "['orvel-vpn']),\n"
+      "  ask('org.freedesktop.login1.reboot', unit, 'start', ['orvel-vpn'])].join(' '));\n";
+  EXPECT_EQ(std::get<1>(
+                RunProgram("/usr/bin/node", {"-e", check, PathText(WorkDirectory() / "rule.js")})),
+            "yes yes yes no no no no\n");
+
+  // The service tells systemd it is ready once it accepts connections, and
+  // that it stops; SIGTERM stops its core with SIGTERM and it exits 0.
+  const fs::path notifyPath = WorkDirectory() / "notify";
+  fs::remove(notifyPath, ec);
+  const int notify = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::snprintf(address.sun_path, sizeof(address.sun_path), "%s", notifyPath.c_str());
+  ASSERT_EQ(bind(notify, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+  const auto message = [notify] {
+    char text[256] = {};
+    pollfd readable{notify, POLLIN, 0};
+    return poll(&readable, 1, 10000) == 1 ? std::string(text, recv(notify, text, sizeof(text), 0))
+                                          : std::string("none");
+  };
+  setenv("NOTIFY_SOCKET", notifyPath.c_str(), 1);
+  const std::string oldPath = std::getenv("PATH");
+  setenv("PATH", (DoublesDirectory().string() + ":" + oldPath).c_str(), 1);
+  ResetTestRecords();
+  const pid_t service = StartProgram(BinDirectory() / "orvel-vpn-helper", {"--service"}, "/");
+  unsetenv("NOTIFY_SOCKET");
+  setenv("PATH", oldPath.c_str(), 1);
+  EXPECT_EQ(message(), "READY=1");
+  EXPECT_EQ(ExchangeRaw("GET /ping HTTP/1.1\r\n\r\n"), kPong);
+  EXPECT_EQ(Post("/start-tun", Config()), kTunConnected);
+  CoreRun();
+  kill(service, SIGTERM);
+  EXPECT_EQ(message(), "STOPPING=1");
+  EXPECT_EQ(WaitForExit(service, 10000), 0);
+  EXPECT_EQ(ReadFileBytes(RecordPath("core-signal.txt")), "signal=SIGTERM\n");
+  close(notify);
+}
+
+// The desktop's own settings under a real session bus and dconf: what a
+// start sets, what a stop puts back, and what a crash, a signal, a missing bus
+// or a file that cannot be written change about it.
+TEST_F(Helper, DesktopProxyIsSetAndEveryUserSettingComesBack) {
+  const std::string defaults = ProxySettings();
+  const std::string set2080 =
+      "org.gnome.system.proxy.http host '127.0.0.1'\norg.gnome.system.proxy.http port 2080\n";
+  // The user's settings before, and the stops after each.
+  const std::vector<std::vector<std::string>> users[] = {
+      {},  // nothing of the user's: every key back at its default, no value left in dconf
+      {{"org.gnome.system.proxy", "mode", "manual"},
+       {"org.gnome.system.proxy", "ignore-hosts", "['*.corp.example']"},
+       {"org.gnome.system.proxy.http", "host", "corp-proxy.example"},
+       {"org.gnome.system.proxy.http", "port", "3128"},
+       {"org.gnome.system.proxy", "use-same-proxy", "false"}},
+      {{"org.gnome.system.proxy", "mode", "auto"},
+       {"org.gnome.system.proxy", "autoconfig-url", "http://wpad.corp.example/proxy.pac"}},
+  };
+  for (const auto& user : users) {
+    ResetUserProxy();
+    for (const auto& setting : user) Gsettings({"set", setting[0], setting[1], setting[2]});
+    const std::string before = ProxySettings();
+    ASSERT_EQ(Post("/start", Config()), kConnected);
+    const std::string during = ProxySettings();
+    for (const char* line :
+         {"org.gnome.system.proxy mode 'manual'\n",
+          "org.gnome.system.proxy ignore-hosts ['localhost', '127.0.0.1', '::1']\n",
+          "org.gnome.system.proxy.https host '127.0.0.1'\n",
+          "org.gnome.system.proxy.socks port 2080\n"}) {
+      EXPECT_NE(during.find(line), std::string::npos) << line << during;
+    }
+    EXPECT_NE(during.find(set2080), std::string::npos);
+    // A second start on another port keeps the user's values, not the helper's.
+    EXPECT_EQ(Post("/start", Config({}, "3000")), kConnected);
+    EXPECT_NE(ProxySettings().find("org.gnome.system.proxy.http port 3000\n"), std::string::npos);
+    EXPECT_EQ(Post("/stop"), kDisconnected);
+    EXPECT_EQ(ProxySettings(), before);
+    if (user.empty()) {
+      EXPECT_EQ(ProxySettings(), defaults);
+      EXPECT_EQ(std::get<1>(RunProgram("/usr/bin/dconf", {"dump", "/"})), "");
+    }
+  }
+
+  // Killed while set: the next helper puts the user's values back before it
+  // answers; SIGTERM: they are back when it has ended.
+  SetUserProxy();
+  const std::string user = ProxySettings();
+  ASSERT_EQ(Post("/start", Config()), kConnected);
+  helper.Kill();
+  EXPECT_NE(ProxySettings().find(set2080), std::string::npos);
+  ASSERT_TRUE(Restart(CorePlacement::kBesideExe, {}, true)) << helper.error;
+  EXPECT_EQ(ProxySettings(), user);
+  EXPECT_TRUE(LogHasLine("Restored the proxy settings saved before the helper last ended"));
+  ASSERT_EQ(Post("/start", Config()), kConnected);
+  EXPECT_EQ(helper.EndWith(SIGTERM), 0);
+  EXPECT_EQ(ProxySettings(), user);
+
+  // A recovery file that cannot be written costs the recovery, not the start.
+  ASSERT_TRUE(Restart()) << helper.error;
+  fs::create_directories(DataFile("proxy-state.txt.tmp"));
+  EXPECT_EQ(Post("/start", Config()), kConnected);
+  EXPECT_NE(Logs().find("] Crash recovery is off for this start: the saved proxy settings could "
+                        "not be written: "),
+            std::string::npos);
+  EXPECT_EQ(Post("/stop"), kDisconnected);
+  EXPECT_EQ(ProxySettings(), user);
+  fs::remove_all(DataFile("proxy-state.txt.tmp"));
+
+  // KDE Plasma: kioslaverc too, each key back (an absent one deleted).
+  setenv("XDG_CURRENT_DESKTOP", "ubuntu:KDE", 1);
+  ASSERT_TRUE(Restart()) << helper.error;
+  const auto kde = [](const char* key) {
+    return std::get<1>(
+        RunProgram("/usr/bin/kreadconfig5", {"--file", "kioslaverc", "--group", "Proxy Settings",
+                                             "--key", key, "--default", "absent"}));
+  };
+  RunProgram("/usr/bin/kwriteconfig5",
+             {"--file", "kioslaverc", "--group", "Proxy Settings", "--key", "ProxyType", "0"});
+  ASSERT_EQ(Post("/start", Config()), kConnected);
+  EXPECT_EQ(kde("ProxyType") + kde("httpProxy") + kde("socksProxy") + kde("NoProxyFor"),
+            "1\nhttp://127.0.0.1:2080\nsocks://127.0.0.1:2080\nlocalhost,127.0.0.1,::1\n");
+  EXPECT_NE(ProxySettings().find(set2080), std::string::npos);
+  EXPECT_EQ(Post("/stop"), kDisconnected);
+  EXPECT_EQ(kde("ProxyType") + kde("httpProxy"), "0\nabsent\n");
+  unsetenv("XDG_CURRENT_DESKTOP");
+
+  // Without a session bus nothing would last: the start fails before it
+  // changes anything, and no core is left.
+  const std::string bus = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+  unsetenv("DBUS_SESSION_BUS_ADDRESS");
+  ASSERT_TRUE(Restart()) << helper.error;
+  setenv("DBUS_SESSION_BUS_ADDRESS", bus.c_str(), 1);
+  EXPECT_EQ(Post("/start", Config()),
+            Answer("disconnected", "Failed to enable desktop system proxy"));
+  EXPECT_EQ(CountCores(), 0);
+  EXPECT_EQ(ProxySettings(), user);
+  helper.Stop();
+}
+
+}  // namespace
+}  // namespace orvel::test
