@@ -135,10 +135,12 @@ bool ReadKdeKey(const char* key, DesktopProxySetting& setting) {
   return true;
 }
 
+// The value after "--": a user's list may begin with "-", which the tool
+// would otherwise take for its own options and refuse.
 bool WriteKdeKey(const std::string& key, const DesktopProxySetting& value) {
   std::string ignored;
   return value.isDefault ? RunKdeConfig(true, {"--key", key, "--delete"}, ignored)
-                         : RunKdeConfig(true, {"--key", key, value.text}, ignored);
+                         : RunKdeConfig(true, {"--key", key, "--", value.text}, ignored);
 }
 
 // Running KDE programs read kioslaverc again; nobody listening is no error.

@@ -614,14 +614,19 @@ TEST_F(Helper, DesktopProxyIsSetAndEveryUserSettingComesBack) {
         RunProgram("/usr/bin/kreadconfig5", {"--file", "kioslaverc", "--group", "Proxy Settings",
                                              "--key", key, "--default", "absent"}));
   };
-  RunProgram("/usr/bin/kwriteconfig5",
-             {"--file", "kioslaverc", "--group", "Proxy Settings", "--key", "ProxyType", "0"});
+  const auto setKde = [](const char* key, const char* value) {
+    RunProgram("/usr/bin/kwriteconfig5",
+               {"--file", "kioslaverc", "--group", "Proxy Settings", "--key", key, "--", value});
+  };
+  setKde("ProxyType", "0");
+  setKde("NoProxyFor", "-internal.example");  // a list the tool could take for options
   ASSERT_EQ(Post("/start", Config()), kConnected);
   EXPECT_EQ(kde("ProxyType") + kde("httpProxy") + kde("socksProxy") + kde("NoProxyFor"),
             "1\nhttp://127.0.0.1:2080\nsocks://127.0.0.1:2080\nlocalhost,127.0.0.1,::1\n");
   EXPECT_NE(ProxySettings().find(set2080), std::string::npos);
   EXPECT_EQ(Post("/stop"), kDisconnected);
-  EXPECT_EQ(kde("ProxyType") + kde("httpProxy"), "0\nabsent\n");
+  EXPECT_EQ(kde("ProxyType") + kde("httpProxy") + kde("NoProxyFor"),
+            "0\nabsent\n-internal.example\n");
   unsetenv("XDG_CURRENT_DESKTOP");
 
   // Without a session bus nothing would last: the start fails before it
