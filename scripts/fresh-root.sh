@@ -82,6 +82,8 @@ cleanup() {
 }
 trap cleanup EXIT
 tar -C "$root" -xf "$base"
+# mktemp made the root 0700; a real one lets every account reach its files.
+chmod 755 "$root"
 # The root a mount point of its own: tests make throwaway mount namespaces
 # (unshare --mount), which need "/" to be one to make their mounts private.
 mount --bind "$root" "$root"

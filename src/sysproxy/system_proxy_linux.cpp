@@ -54,7 +54,15 @@ constexpr const char* kKdeAbsent = "\x01orvel-absent";
 struct DesktopProxy {
   bool saved = false;
   DesktopProxyState state;  // the user's settings; `helper` what the helper set
+  // Taken over from a helper that ended without restoring, at a time the
+  // settings could not be read: written back only while they still hold
+  // what that helper set.
+  bool unchecked = false;
 } Saved;
+
+constexpr const char* kChangedSinceSet =
+    "System proxy changed since the helper last set it; kept it and removed the saved proxy "
+    "settings";
 
 std::string GKeyName(const GKey& key) {
   return std::string("gsettings:") + key.schema + ":" + key.key;
@@ -228,6 +236,18 @@ std::string CurrentMarker() {
   return KdeApplies() && ReadKdeKey("httpProxy", http) && !http.isDefault ? http.text : "";
 }
 
+// Only keys the helper itself saves are ever written back: a state file that
+// names any other is not the helper's.
+bool OnlyKnownKeys(const DesktopProxyState& state) {
+  for (const DesktopProxySetting& setting : state.settings) {
+    bool known = false;
+    for (const GKey& key : kGKeys) known = known || setting.key == GKeyName(key);
+    for (const char* key : kKdeKeys) known = known || setting.key == std::string("kde:") + key;
+    if (!known) return false;
+  }
+  return true;
+}
+
 std::filesystem::path StatePath() { return GetDataDirectory() / "proxy-state.txt"; }
 
 // Whole under a temporary name, synced, then renamed over the old one.
@@ -301,6 +321,7 @@ bool EnableSystemProxy(int port, std::string& errorMessage) {
   }
   if (!SaveSystemProxy(errorMessage)) return false;
   Saved.state.helper = HelperMarker(port);
+  Saved.unchecked = false;
   std::string reason;
   if (!WriteStateFile(Saved.state, reason)) {
     HelperLog().Append(std::string(kCrashRecoveryOff) + reason);
@@ -335,7 +356,18 @@ bool EnableSystemProxy(int port, std::string& errorMessage) {
 
 bool RestoreSystemProxy(std::string& errorMessage) {
   if (!Saved.saved) return true;
-  if (!GSettingsLast() || !WriteSettings(Saved.state.settings)) {
+  if (!GSettingsLast()) {
+    errorMessage = "Failed to restore desktop system proxy";
+    return false;
+  }
+  std::error_code ignored;
+  if (Saved.unchecked && CurrentMarker() != Saved.state.helper) {
+    Saved = {};
+    std::filesystem::remove(StatePath(), ignored);
+    HelperLog().Append(kChangedSinceSet);
+    return true;
+  }
+  if (!WriteSettings(Saved.state.settings)) {
     errorMessage = "Failed to restore desktop system proxy";
     return false;
   }
@@ -343,7 +375,6 @@ bool RestoreSystemProxy(std::string& errorMessage) {
   Saved = {};
   // Only now: a crash before this line leaves the file for the next helper,
   // which finds the user's settings back in place and leaves them.
-  std::error_code ignored;
   std::filesystem::remove(StatePath(), ignored);
   return true;
 }
@@ -362,20 +393,22 @@ void RecoverSystemProxyAtStartup() {
   file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
   bytes.resize(static_cast<std::size_t>(file.gcount()));
   DesktopProxyState state;
-  if (!ParseDesktopProxyState(bytes, state)) {
+  if (!ParseDesktopProxyState(bytes, state) || !OnlyKnownKeys(state)) {
     std::filesystem::remove(path, ignored);
     HelperLog().Append(
         "Removed an unreadable saved proxy settings file; system proxy left as it is");
     return;
   }
-  if (CurrentMarker() != state.helper) {
+  // Without a session bus yet (a helper started early in the login) the
+  // settings cannot be read, let alone compared: the file stays and the
+  // comparison waits for the next stop or exit.
+  const bool readable = GSettingsLast() || KdeApplies();
+  if (readable && CurrentMarker() != state.helper) {
     std::filesystem::remove(path, ignored);
-    HelperLog().Append(
-        "System proxy changed since the helper last set it; kept it and removed the saved proxy "
-        "settings");
+    HelperLog().Append(kChangedSinceSet);
     return;
   }
-  Saved = {true, state};
+  Saved = {true, state, !readable};
   std::string errorMessage;
   if (RestoreSystemProxy(errorMessage)) {
     HelperLog().Append("Restored the proxy settings saved before the helper last ended");

@@ -581,12 +581,24 @@ TEST_F(Helper, DesktopProxyIsSetAndEveryUserSettingComesBack) {
     }
   }
 
-  // Killed while set: the next helper puts the user's values back before it
-  // answers; SIGTERM: they are back when it has ended.
+  // Killed while set: a next helper without a session bus can neither
+  // restore nor start (nothing would last), and keeps the saved values; one with
+  // the bus puts them back before it answers. SIGTERM: they are back when it
+  // has ended.
   SetUserProxy();
   const std::string user = ProxySettings();
   ASSERT_EQ(Post("/start", Config()), kConnected);
   helper.Kill();
+  const std::string bus = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+  unsetenv("DBUS_SESSION_BUS_ADDRESS");
+  ASSERT_TRUE(Restart(CorePlacement::kBesideExe, {}, true)) << helper.error;
+  setenv("DBUS_SESSION_BUS_ADDRESS", bus.c_str(), 1);
+  EXPECT_TRUE(
+      LogHasLine("Proxy settings saved before the helper last ended not restored yet: "
+                 "Failed to restore desktop system proxy"));
+  EXPECT_EQ(Post("/start", Config()),
+            Answer("disconnected", "Failed to restore desktop system proxy"));
+  EXPECT_EQ(CountCores(), 0);
   EXPECT_NE(ProxySettings().find(set2080), std::string::npos);
   ASSERT_TRUE(Restart(CorePlacement::kBesideExe, {}, true)) << helper.error;
   EXPECT_EQ(ProxySettings(), user);
@@ -605,6 +617,17 @@ TEST_F(Helper, DesktopProxyIsSetAndEveryUserSettingComesBack) {
   EXPECT_EQ(Post("/stop"), kDisconnected);
   EXPECT_EQ(ProxySettings(), user);
   fs::remove_all(DataFile("proxy-state.txt.tmp"));
+
+  // A saved file that names a key the helper never saves is not the
+  // helper's: nothing of it is written.
+  ASSERT_TRUE(
+      WriteWholeFile(DataFile("proxy-state.txt"),
+                     "orvel-desktop-proxy-state 1\nhelper=http://corp-proxy.example:8080\n"
+                     "gsettings:org.gnome.system.proxy.http:authentication-user='x'\nend\n"));
+  ASSERT_TRUE(Restart(CorePlacement::kBesideExe, {}, true)) << helper.error;
+  EXPECT_TRUE(
+      LogHasLine("Removed an unreadable saved proxy settings file; system proxy left as it is"));
+  EXPECT_EQ(ProxySettings(), user);
 
   // KDE Plasma: kioslaverc too, each key back (an absent one deleted).
   setenv("XDG_CURRENT_DESKTOP", "ubuntu:KDE", 1);
@@ -628,17 +651,6 @@ TEST_F(Helper, DesktopProxyIsSetAndEveryUserSettingComesBack) {
   EXPECT_EQ(kde("ProxyType") + kde("httpProxy") + kde("NoProxyFor"),
             "0\nabsent\n-internal.example\n");
   unsetenv("XDG_CURRENT_DESKTOP");
-
-  // Without a session bus nothing would last: the start fails before it
-  // changes anything, and no core is left.
-  const std::string bus = std::getenv("DBUS_SESSION_BUS_ADDRESS");
-  unsetenv("DBUS_SESSION_BUS_ADDRESS");
-  ASSERT_TRUE(Restart()) << helper.error;
-  setenv("DBUS_SESSION_BUS_ADDRESS", bus.c_str(), 1);
-  EXPECT_EQ(Post("/start", Config()),
-            Answer("disconnected", "Failed to enable desktop system proxy"));
-  EXPECT_EQ(CountCores(), 0);
-  EXPECT_EQ(ProxySettings(), user);
   helper.Stop();
 }
 
