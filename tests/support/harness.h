@@ -172,6 +172,24 @@ inline UrlTestStream RunUrlTest(const std::string& body) {
 
 inline std::vector<FetchRecord> WaitForFetchRecords(std::size_t count, unsigned timeoutMs);
 
+// Waits up to 15 s for a freshly started helper's first "pong"; `running`
+// tells whether its process still lives, so a helper that ends at once fails
+// at once.
+template <typename StillRunning>
+bool WaitForFirstPong(StillRunning running, std::string& error) {
+  const std::uint64_t deadline = NowMs() + 15000;
+  while (NowMs() < deadline) {
+    if (!running()) {
+      error = "helper ended during start-up";
+      return false;
+    }
+    if (Request("GET", "/ping", {}, 2000).body == "pong") return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  error = "helper did not answer /ping within 15 s";
+  return false;
+}
+
 }  // namespace orvel::test
 
 // The system's own part, which uses the HTTP helpers above.

@@ -146,17 +146,7 @@ struct ScopedHelper {
     }
     pid = StartProgram(ExePath(), options.arguments, directory);
     setenv("PATH", oldPath.c_str(), 1);
-    const std::uint64_t deadline = NowMs() + 15000;
-    while (NowMs() < deadline) {
-      if (!Running()) {
-        error = "helper ended during start-up";
-        return false;
-      }
-      if (Request("GET", "/ping", {}, 2000).body == "pong") return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    error = "helper did not answer /ping within 15 s";
-    return false;
+    return WaitForFirstPong([this] { return Running(); }, error);
   }
   // Ends the helper and every core double; safe to call twice.
   void Stop() {

@@ -258,18 +258,7 @@ inline bool ScopedHelper::Start(const HelperOptions& options) {
   }
   AssignProcessToJobObject(job, process.hProcess);
   ResumeThread(process.hThread);
-
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (!Running()) {
-      error = "helper ended during start-up";
-      return false;
-    }
-    if (Request("GET", "/ping", {}, 2000).body == "pong") return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  error = "helper did not answer /ping within 15 s";
-  return false;
+  return WaitForFirstPong([this] { return Running(); }, error);
 }
 
 inline void ScopedHelper::Stop() {
