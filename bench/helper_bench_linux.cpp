@@ -103,20 +103,23 @@ void RunFloorServer(int listener) {
   }
 }
 
-// VmRSS in KiB, open descriptors and threads of `pid`.
+// VmRSS and VmSize (each held thread reserves its stack) in KiB, open
+// descriptors and threads of `pid`.
 std::string Usage(pid_t pid) {
   const std::string proc = "/proc/" + std::to_string(pid);
   std::ifstream status(proc + "/status");
-  std::string line, rss = "?", threads = "?";
+  std::string line, rss = "?", size = "?", threads = "?";
   while (std::getline(status, line)) {
     const std::size_t value = line.find_first_not_of(" \t", line.find(':') + 1);
     if (line.rfind("VmRSS:", 0) == 0) rss = line.substr(value);
+    if (line.rfind("VmSize:", 0) == 0) size = line.substr(value);
     if (line.rfind("Threads:", 0) == 0) threads = line.substr(value);
   }
   std::size_t descriptors = 0;
   std::error_code ec;
   for ([[maybe_unused]] const auto& entry : fs::directory_iterator(proc + "/fd", ec)) ++descriptors;
-  return "rss " + rss + ", descriptors " + std::to_string(descriptors) + ", threads " + threads;
+  return "rss " + rss + ", size " + size + ", descriptors " + std::to_string(descriptors) +
+         ", threads " + threads;
 }
 
 void Ratio(const char* label, const Summary& helper, const Summary& floor) {
@@ -232,8 +235,8 @@ int main(int, char** argv) {
       "10,000 GET /ping (8 clients), errors %d\n  idle at start: %s\n  before: %s\n  "
       "after:  %s\n",
       errors, idle.c_str(), before.c_str(), Usage(helper).c_str());
-  // 200 clients that connect and say nothing: only 64 are held (each with a
-  // thread until its 10 s head deadline), the rest closed at once.
+  // 200 clients of one user that connect and say nothing: only 16 are held
+  // (each with a thread until its 10 s head deadline), the rest closed at once.
   std::vector<int> silent;
   for (int i = 0; i < 200; ++i) {
     const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
