@@ -41,37 +41,32 @@ bool StartConnectionThread(const AcceptedConnection& connection) {
   return true;
 }
 
-}  // namespace
-
-int RunControlServer(void (*listening)()) {
-  HelperLog().Append("OrvelVpnHelper started");
-  WSADATA wsaData{};
-  if (WSAStartup(MAKEWORD(2, 2), &wsaData) != 0) return 1;
-
-  // Not inheritable: a core started later must not keep port 17891 bound.
-  SOCKET listener = WSASocketW(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0,
+// A listening socket on `address` that no other socket can share, or
+// INVALID_SOCKET with `error` from WSAGetLastError(). Not inheritable: a core
+// started later must not keep the port bound.
+SOCKET OpenListener(const sockaddr* address, int length, int& error) {
+  SOCKET listener = WSASocketW(address->sa_family, SOCK_STREAM, IPPROTO_TCP, nullptr, 0,
                                WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
   if (listener == INVALID_SOCKET) {
-    WSACleanup();
-    return 1;
+    error = WSAGetLastError();
+    return INVALID_SOCKET;
   }
   SetHandleInformation(reinterpret_cast<HANDLE>(listener), HANDLE_FLAG_INHERIT, 0);
-  const BOOL reuse = TRUE;
-  setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, reinterpret_cast<const char*>(&reuse),
-             sizeof(reuse));
-
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(kControlPort);
-  inet_pton(AF_INET, "127.0.0.1", &address.sin_addr);
-  if (bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
-      listen(listener, SOMAXCONN) != 0) {
+  // Exclusive rather than SO_REUSEADDR: with that, any other program (of any
+  // user) may bind the same address with SO_REUSEADDR of its own and take
+  // over the clients' connections, commands and configurations included.
+  const BOOL exclusive = TRUE;
+  if (setsockopt(listener, SOL_SOCKET, SO_EXCLUSIVEADDRUSE,
+                 reinterpret_cast<const char*>(&exclusive), sizeof(exclusive)) != 0 ||
+      bind(listener, address, length) != 0 || listen(listener, SOMAXCONN) != 0) {
+    error = WSAGetLastError();
     closesocket(listener);
-    WSACleanup();
-    return 1;
+    return INVALID_SOCKET;
   }
-  if (listening != nullptr) listening();
+  return listener;
+}
 
+[[noreturn]] void AcceptConnections(SOCKET listener) {
   for (;;) {
     SOCKET client = accept(listener, nullptr, nullptr);
     if (client == INVALID_SOCKET) continue;
@@ -83,6 +78,65 @@ int RunControlServer(void (*listening)()) {
     // No thread, no answer: the connection is closed rather than the helper ended.
     if (!StartConnectionThread(connection)) DropConnection(connection);
   }
+}
+
+DWORD WINAPI AcceptThread(LPVOID listener) {
+  AcceptConnections(reinterpret_cast<SOCKET>(listener));
+}
+
+// The errors of a system without IPv6, or with it off on the loopback.
+bool MeansNoIpv6(int error) {
+  return error == WSAEAFNOSUPPORT || error == WSAEPROTONOSUPPORT || error == WSAEADDRNOTAVAIL;
+}
+
+}  // namespace
+
+int RunControlServer(void (*listening)()) {
+  HelperLog().Append("OrvelVpnHelper started");
+  WSADATA wsaData{};
+  if (WSAStartup(MAKEWORD(2, 2), &wsaData) != 0) return 1;
+
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(kControlPort);
+  inet_pton(AF_INET, "127.0.0.1", &address.sin_addr);
+  int error = 0;
+  const SOCKET listener =
+      OpenListener(reinterpret_cast<const sockaddr*>(&address), sizeof(address), error);
+  if (listener == INVALID_SOCKET) {
+    WSACleanup();
+    return 1;
+  }
+  // Clients that resolve "localhost" may try ::1 first. Every rule is the
+  // same there: the same admission and connection handling. A port taken on
+  // ::1 ends the helper like one taken on 127.0.0.1, since its holder would
+  // get those clients; only a system without IPv6 is served on IPv4 alone.
+  sockaddr_in6 address6{};
+  address6.sin6_family = AF_INET6;
+  address6.sin6_port = htons(kControlPort);
+  address6.sin6_addr = in6addr_loopback;
+  const SOCKET listener6 =
+      OpenListener(reinterpret_cast<const sockaddr*>(&address6), sizeof(address6), error);
+  if (listener6 == INVALID_SOCKET && !MeansNoIpv6(error)) {
+    closesocket(listener);
+    WSACleanup();
+    return 1;
+  }
+  if (listener6 == INVALID_SOCKET) {
+    HelperLog().Append("IPv6 loopback [::1]:17891 not available, serving 127.0.0.1 only");
+  } else {
+    HANDLE thread =
+        CreateThread(nullptr, 0, AcceptThread, reinterpret_cast<LPVOID>(listener6), 0, nullptr);
+    if (thread == nullptr) {
+      closesocket(listener6);
+      closesocket(listener);
+      WSACleanup();
+      return 1;
+    }
+    CloseHandle(thread);
+  }
+  if (listening != nullptr) listening();
+  AcceptConnections(listener);
 }
 
 }  // namespace orvel

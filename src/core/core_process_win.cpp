@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "core/child_launch_win.h"
+#include "core/command_line.h"
 #include "core/core_output.h"
 #include "core/core_process.h"
 #include "core/host_platform.h"
@@ -80,8 +81,7 @@ bool StartCore(const std::filesystem::path& config, std::string& errorMessage) {
     errorMessage = ThisPlatform().coreNotFound;
     return false;
   }
-  // Paths are quoted but not escaped: neither can contain a double quote.
-  const std::wstring commandLine = L"\"" + exe + L"\" run -c \"" + configPath + L"\"";
+  const std::wstring commandLine = BuildCommandLine(exe, {L"run", L"-c", configPath});
 
   HANDLE readEnd = nullptr;
   HANDLE writeEnd = nullptr;

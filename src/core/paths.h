@@ -17,8 +17,9 @@ std::filesystem::path GetExecutableDirectory();
 std::filesystem::path GetDataDirectory();
 // The data directory's sing-box.json.
 std::filesystem::path GetCoreConfigPath();
-// The core beside the executable, then in its "data" sub-folder, then on the
-// system search path; "" when none is found.
+// The core beside the executable, then in its "data" sub-folder, then (for
+// the stand-alone helper only, never the service) on the system search path;
+// "" when none is found.
 std::filesystem::path FindCoreExecutable();
 
 }  // namespace orvel

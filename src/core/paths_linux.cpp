@@ -94,6 +94,9 @@ fs::path FindCoreExecutable() {
   for (const fs::path& candidate : {directory / "sing-box", directory / "data" / "sing-box"}) {
     if (PathExists(candidate)) return candidate;  // as it stands, not made canonical
   }
+  // The service runs as root: a sing-box in any folder of its PATH would run
+  // with root's rights. It runs only the core it was installed with.
+  if (IsRunningAsService()) return {};
   const char* variable = std::getenv("PATH");
   const std::string_view search = variable != nullptr ? variable : kDefaultSearchPath;
   for (std::size_t start = 0; start <= search.size();) {

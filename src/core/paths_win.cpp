@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "core/paths.h"
+#include "core/run_mode.h"
 
 namespace orvel {
 
@@ -85,6 +86,10 @@ std::filesystem::path FindCoreExecutable() {
   for (const std::wstring& candidate : candidates) {
     if (PathExists(candidate)) return candidate;  // as it stands, not made canonical
   }
+  // The service runs as LocalSystem: a sing-box.exe that any folder on the
+  // search path (or the service's current directory) offers would run with
+  // its rights. It runs only the core it was installed with.
+  if (IsRunningAsService()) return {};
   const DWORD needed = SearchPathW(nullptr, L"sing-box.exe", nullptr, 0, nullptr, nullptr);
   if (needed == 0) return {};
   std::vector<wchar_t> buffer(needed);

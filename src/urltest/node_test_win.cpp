@@ -1,6 +1,7 @@
 #include <windows.h>
 
 #include "core/child_launch_win.h"
+#include "core/command_line.h"
 #include "core/host_platform.h"
 #include "core/paths.h"
 #include "core/win_handle.h"
@@ -49,11 +50,11 @@ bool RunNodeTest(const std::filesystem::path& config, const UrlTestRequest& requ
   UniqueHandle outputRead(readEnd);
   UniqueHandle outputWrite(writeEnd);
 
-  // Nothing inside the values is escaped: a tag or URL holding a double quote
-  // breaks the quoting, and the client is trusted not to send one.
-  const std::wstring commandLine = L"\"" + exe + L"\" --disable-color -c \"" + configPath +
-                                   L"\" tools -o \"" + Utf8ToWide(nodeTag) + L"\" fetch \"" +
-                                   Utf8ToWide(url) + L"\"";
+  // The tag and URL are the client's text: each stays one argument of the
+  // core, whatever quotes or backslashes it holds.
+  const std::wstring commandLine =
+      BuildCommandLine(exe, {L"--disable-color", L"-c", configPath, L"tools", L"-o",
+                             Utf8ToWide(nodeTag), L"fetch", Utf8ToWide(url)});
   const std::wstring workingDirectory = GetDataDirectory().wstring();
   SetCoreEnvironmentVariables();
 

@@ -26,7 +26,41 @@ void AppendField(std::string& body, std::string_view content) {
   body += '\n';
 }
 
+// The first control byte in `text` as "0xNN", or "" when there is none.
+std::string FindControlByte(std::string_view text) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7F) return {'0', 'x', kHex[byte >> 4], kHex[byte & 0xF]};
+  }
+  return {};
+}
+
+bool HasPrefixIgnoringCase(std::string_view text, std::string_view prefix) {
+  return text.size() >= prefix.size() && EqualsIgnoringCase(text.substr(0, prefix.size()), prefix);
+}
+
 }  // namespace
+
+bool CheckServiceUrlTest(const UrlTestRequest& request, std::string& refusal) {
+  if (const std::string byte = FindControlByte(request.url); !byte.empty()) {
+    refusal = "the test URL holds a control character (" + byte + ")";
+    return false;
+  }
+  if (!HasPrefixIgnoringCase(request.url, "http://") &&
+      !HasPrefixIgnoringCase(request.url, "https://")) {
+    refusal = "the test URL is not an http:// or https:// address";
+    return false;
+  }
+  for (std::size_t i = 0; i < request.nodeTags.size(); ++i) {
+    if (const std::string byte = FindControlByte(request.nodeTags[i]); !byte.empty()) {
+      refusal = "node tag " + std::to_string(i + 1) + " holds a control character (" + byte + ")";
+      return false;
+    }
+  }
+  refusal.clear();
+  return true;
+}
 
 bool ReadLengthPrefixedField(std::string_view body, std::size_t& pos, std::string& out) {
   if (pos >= body.size()) return false;

@@ -43,6 +43,14 @@ struct UrlTestRequest {
 // unsigned long: no leading digits give 0, "-1" gives 4294967295.
 bool ParseUrlTestBody(std::string_view body, UrlTestRequest& request);
 
+// Whether the service may run this test: false, with a fixed text naming what
+// is wrong, when the URL is not an http:// or https:// address (any case) or
+// when the URL or a node tag holds a control byte (0x00 to 0x1F, 0x7F). Both
+// reach the core's command line and the log as they are. The refusal names a
+// node by its number in `nodeTags` (from 1) and the byte by its code, never by
+// the client's text.
+bool CheckServiceUrlTest(const UrlTestRequest& request, std::string& refusal);
+
 // Reads one field at `pos` and moves `pos` past it (and past one line feed
 // after it, when there is one). False when `pos` is at the end, the length
 // line has no line feed, or the field runs past the end.

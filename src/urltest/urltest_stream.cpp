@@ -36,6 +36,14 @@ void RunWorkers(UrlTestSession& session) {
   for (std::thread& worker : session.workers) worker.join();
 }
 
+// The stream head and a 0 line per node: a client waiting for one line per
+// node still sees a refused test end.
+void SendAllNodesFailed(SocketHandle socket, const UrlTestRequest& request) {
+  std::string lines(kUrlTestStreamHead);
+  for (const std::string& tag : request.nodeTags) lines += BuildUrlTestResultLine(tag, 0);
+  SendBytes(socket, lines);
+}
+
 }  // namespace
 
 void UrlTestWorker(UrlTestSession& session) {
@@ -63,6 +71,13 @@ void HandleUrlTest(SocketHandle socket, const std::string& body) {
   if (!ParseUrlTestBody(body, session.request) || session.request.config.empty() ||
       session.request.nodeTags.empty()) {
     SendEmptyAnswer(socket);
+    return;
+  }
+  // The tags and the URL become arguments of a core run as SYSTEM or root:
+  // refused like a configuration, every node failed and nothing started.
+  if (std::string refused; IsRunningAsService() && !CheckServiceUrlTest(session.request, refused)) {
+    HelperLog().Append("URLTest refused by the service: " + refused);
+    SendAllNodesFailed(socket, session.request);
     return;
   }
   const UrlTestRequest& request = session.request;

@@ -6,6 +6,7 @@
 // After windows.h, which the harness brings in.
 #include <sddl.h>
 
+#include <algorithm>
 #include <memory>
 #include <type_traits>
 
@@ -288,13 +289,20 @@ SERVICE_STATUS StartThroughScm() {
 // (its core, the proxy put back on stop and after a crash), and the
 // configurations the service refuses to run as LocalSystem.
 TEST_F(Helper, ServiceIsInstalledRunsTheCoreAndRefusesUnsafeConfigurations) {
+  // A core where only a search finds it: the system folder, which the search
+  // path of every Windows holds and which is the service's current directory.
+  wchar_t system[MAX_PATH] = {};
+  const fs::path searchedCore =
+      fs::path(std::wstring(system, GetSystemDirectoryW(system, MAX_PATH))) / kCoreFileName;
   struct Cleanup {
+    const fs::path& searchedCore;
     ~Cleanup() {
       RemoveService();
       KillProcessesNamed(L"OrvelVpnHelper.exe");
       ForgetLastStartedService();
+      fs::remove(searchedCore);
     }
-  } cleanup;
+  } cleanup{searchedCore};
   RemoveService();
   // The stand-alone helper runs what the service refuses below.
   const std::string tor =
@@ -329,8 +337,16 @@ TEST_F(Helper, ServiceIsInstalledRunsTheCoreAndRefusesUnsafeConfigurations) {
   // the security text is checked: one that does not convert makes the
   // installer skip the step silently.
   PSECURITY_DESCRIPTOR descriptor = nullptr;
-  EXPECT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorW(
+  ASSERT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorW(
       kServiceSecurityDescriptor, SDDL_REVISION_1, &descriptor, nullptr));
+  // The last entry: interactive users may query, start and stop, no more.
+  BOOL present = FALSE, defaulted = FALSE;
+  PACL dacl = nullptr;
+  ACCESS_ALLOWED_ACE* ace = nullptr;
+  EXPECT_TRUE(GetSecurityDescriptorDacl(descriptor, &present, &dacl, &defaulted) &&
+              GetAce(dacl, dacl->AceCount - 1, reinterpret_cast<void**>(&ace)) &&
+              IsWellKnownSid(&ace->SidStart, WinInteractiveSid) &&
+              ace->Mask == (SERVICE_QUERY_STATUS | SERVICE_START | SERVICE_STOP));
   LocalFree(descriptor);
   const ProxyValues user{Dword(0), Text(L"user-proxy:8080"), Text(L"*.corp")};
   WriteProxyValues(user);
@@ -343,6 +359,8 @@ TEST_F(Helper, ServiceIsInstalledRunsTheCoreAndRefusesUnsafeConfigurations) {
   KillProcessesNamed(L"OrvelVpnHelper.exe");
   EXPECT_EQ(WaitUntilNoCore(10000), 0);
   ASSERT_EQ(StartThroughScm().dwCurrentState, DWORD{SERVICE_RUNNING});
+  const fs::path orvelctl = fs::path(BinDirectory()) / kOrvelctlFileName;
+  EXPECT_EQ(std::get<1>(RunProgram(orvelctl, {"--address", "[::1]:17891", "ping"})), "pong\n");
 
   // One refusal per route: it changes nothing (the running core and its
   // file stay, no process starts, the proxy is not touched) and is logged.
@@ -362,6 +380,23 @@ TEST_F(Helper, ServiceIsInstalledRunsTheCoreAndRefusesUnsafeConfigurations) {
   EXPECT_EQ(ReadFileBytes(DataFile(L"sing-box.json")), Config());
   EXPECT_EQ(CountProcessesNamed(L"sing-box.exe"), 1);
   EXPECT_EQ(ReadFileBytes(RecordPath("core-run.txt")) + ReadWininetCalls(), "");
+  // A URL test the service refuses starts nothing. In one it runs, quotes, a
+  // trailing backslash and spaces stay inside their own argument of the core.
+  const UrlTestStream scheme =
+      RunUrlTest(EncodeUrlTestBody({"scheme", "file:///C:/windows/win.ini", {"a"}, "{}"}, 2));
+  EXPECT_EQ(scheme.lines.at(0).first, R"({"nodeTag":"a","delayMs":0})");
+  EXPECT_TRUE(ReadFetchRecords().empty());
+  EXPECT_TRUE(LogHasLine(
+      "URLTest refused by the service: the test URL is not an http:// or https:// address"));
+  const std::string injected = R"(proxy" -c "C:\users\Public\evil.json" -D "C:\windows\system32)";
+  const std::string trailing = R"(trail\)", spaced = "http://cp.example.test/a b";
+  RunUrlTest(EncodeUrlTestBody({"quoted", spaced, {injected, trailing}, "{}"}, 2));
+  std::vector<std::string> arguments;
+  for (const FetchRecord& r : ReadFetchRecords())
+    arguments.push_back(r.at("tag") + "|" + r.at("url"));
+  std::ranges::sort(arguments);
+  EXPECT_EQ(arguments,
+            (std::vector<std::string>{injected + "|" + spaced, trailing + "|" + spaced}));
 
   // Stopped through the SCM: the user's proxy is put back and the
   // notifications sent while the core still ran, then the core ends and the
@@ -371,6 +406,13 @@ TEST_F(Helper, ServiceIsInstalledRunsTheCoreAndRefusesUnsafeConfigurations) {
   EXPECT_EQ(CountProcessesNamed(L"sing-box.exe"), 0);
   EXPECT_EQ(ReadWininetCalls() + ReadFileBytes(RecordPath("wininet-cores.txt")), "39\n37\n1\n1\n");
   EXPECT_FALSE(Pong());
+
+  // Without a core of its own the service runs none that a search finds.
+  ASSERT_TRUE(fs::remove(fs::path(helper.directory) / kCoreFileName));
+  fs::copy_file(fs::path(DoublesDirectory()) / kCoreFileName, searchedCore);
+  ASSERT_EQ(StartThroughScm().dwCurrentState, DWORD{SERVICE_RUNNING});
+  EXPECT_EQ(Post("/start-tun", Config()), Answer("disconnected", ThisPlatform().coreNotFound));
+  EXPECT_EQ(CountCores(), 0);
 }
 
 }  // namespace

@@ -349,14 +349,15 @@ inline int CountThreads(std::uint32_t processId) {
   return count;
 }
 
-// The command lines the helper gives the core: paths and values quoted.
+// The command lines the helper gives the core: every argument quoted (these
+// values hold no quote and end in no backslash, so nothing is escaped).
 inline std::string CoreRunCommandLine(const fs::path& exe, const fs::path& config) {
-  return "\"" + ToUtf8(exe.wstring()) + "\" run -c \"" + ToUtf8(config.wstring()) + "\"";
+  return "\"" + ToUtf8(exe.wstring()) + "\" \"run\" \"-c\" \"" + ToUtf8(config.wstring()) + "\"";
 }
 inline std::string FetchCommandLine(const fs::path& exe, const std::string& config,
                                     const std::string& tag, std::string_view url) {
-  return "\"" + ToUtf8(exe.wstring()) + "\" --disable-color -c \"" + config + "\" tools -o \"" +
-         tag + "\" fetch \"" + std::string(url) + "\"";
+  return "\"" + ToUtf8(exe.wstring()) + "\" \"--disable-color\" \"-c\" \"" + config +
+         "\" \"tools\" \"-o\" \"" + tag + "\" \"fetch\" \"" + std::string(url) + "\"";
 }
 
 constexpr const char* kCoreFileName = "sing-box.exe";

@@ -2,6 +2,7 @@
 // how it reports a core that died.
 #include <gtest/gtest.h>
 
+#include "core/command_line.h"
 #include "core/config_guard.h"
 #include "core/core_output.h"
 #include "core/mixed_port.h"
@@ -165,4 +166,21 @@ TEST(QuoteForSystemd, QuotesEscapesAndDoublesWhatSystemdExpands) {
                 "StateDirectoryMode=0700\n\n[Install]\nWantedBy=multi-user.target\n"),
       std::string::npos)
       << unit;
+}
+
+TEST(QuoteCommandLineArgument, BackslashesDoubleOnlyBeforeAQuoteOrTheEnd) {
+  const std::pair<std::wstring_view, std::wstring_view> cases[] = {
+      {L"", LR"("")"},
+      {L"a b\tc", L"\"a b\tc\""},
+      {LR"(\\server\share\x.json)", LR"("\\server\share\x.json")"},
+      {LR"(a"b)", LR"("a\"b")"},
+      {LR"(a\"b)", LR"("a\\\"b")"},
+      {LR"(tag\)", LR"("tag\\")"},
+      {LR"(tag\\)", LR"("tag\\\\")"},
+      {LR"(proxy" -c "C:\users\Public\evil.json" -D "C:\windows\system32)",
+       LR"("proxy\" -c \"C:\users\Public\evil.json\" -D \"C:\windows\system32")"},
+  };
+  for (const auto& [argument, quoted] : cases) EXPECT_EQ(QuoteCommandLineArgument(argument), quoted);
+  EXPECT_EQ(BuildCommandLine(LR"(C:\Program Files\sing-box.exe)", {L"run", L"-c", LR"(C:\a b\)"}),
+            LR"("C:\Program Files\sing-box.exe" "run" "-c" "C:\a b\\")");
 }

@@ -69,6 +69,26 @@ TEST(ReadLengthPrefixedField, StopsAtTheBodyEndAndEncodedBodiesReadBack) {
       "id\n1" + read);
 }
 
+TEST(CheckServiceUrlTest, AllowsHttpAddressesAndRefusesControlBytes) {
+  // URL, tags, refusal ("" for allowed).
+  const std::tuple<std::string, std::vector<std::string>, std::string> cases[] = {
+      {"http://x/a b", {"a\"b\\", "\xE6\x9D\xB1"}, ""},
+      {"HTTPS://x", {"a"}, ""},
+      {"file:///C:/x", {"a"}, "the test URL is not an http:// or https:// address"},
+      {" http://x", {"a"}, "the test URL is not an http:// or https:// address"},
+      {"http:/x", {"a"}, "the test URL is not an http:// or https:// address"},
+      {"http://x/\n", {"a"}, "the test URL holds a control character (0x0A)"},
+      {"http://x/\x7F", {"a"}, "the test URL holds a control character (0x7F)"},
+      {"http://x", {"a", "b\x1F"}, "node tag 2 holds a control character (0x1F)"},
+      {"http://x", {"a"s + '\0'}, "node tag 1 holds a control character (0x00)"},
+  };
+  for (const auto& [url, tags, expected] : cases) {
+    std::string refusal = "stale";
+    EXPECT_EQ(CheckServiceUrlTest({"id", url, tags, "{}"}, refusal), expected.empty()) << url;
+    EXPECT_EQ(refusal, expected) << url;
+  }
+}
+
 TEST(BuildUrlTestResultLine, EscapesTheTagOnly) {
   EXPECT_EQ(BuildUrlTestResultLine("a\"b\\c\n\xE6\x9D\xB1", 412),
             "{\"nodeTag\":\"a\\\"b\\\\c\\n\xE6\x9D\xB1\",\"delayMs\":412}\n");
