@@ -54,10 +54,11 @@ struct NameScan {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view config(reinterpret_cast<const char*>(data), size);
-  std::string refusal;
-  const bool accepted = orvel::CheckServiceConfig(config, orvel::PathRules::kWindows, refusal);
+  std::string plain, refusal;
+  const bool accepted =
+      orvel::JudgeServiceConfig(config, orvel::PathRules::kWindows, plain, refusal);
   std::string linuxRefusal;
-  if (orvel::CheckServiceConfig(config, orvel::PathRules::kLinux, linuxRefusal) !=
+  if (orvel::JudgeServiceConfig(config, orvel::PathRules::kLinux, plain, linuxRefusal) !=
       linuxRefusal.empty()) {
     std::abort();
   }

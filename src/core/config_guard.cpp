@@ -2,6 +2,8 @@
 
 #include <cstdint>
 #include <nlohmann/json.hpp>
+#include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "api/number_text.h"
@@ -17,14 +19,19 @@ constexpr std::size_t kMaxShownNameBytes = 64;
 // What a member's value means to the core, by the member's folded name.
 enum class MemberKind {
   kPlain,
-  kProgram,            // names a program or arguments for one
-  kType,               // "tor" starts a program; also tells what `path` means
-  kFilePath,           // a file or directory the core opens, creates or serves
-  kPath,               // a file, except in a web transport, HTTP outbound or DoH server
-  kExternalUi,         // a directory served over the controller port
-  kUiDownloadUrl,      // unpacks an archive into external_ui
-  kDashboardDownload,  // unpacks an archive into the API dashboard's path
-  kMasquerade,         // "file://..." serves a directory
+  kProgram,     // names a program or arguments for one
+  kType,        // "tor" starts a program; also tells what `path` means
+  kFilePath,    // a file or directory the core opens, creates or serves
+  kPath,        // a file, except in a web transport, HTTP outbound or DoH server
+  kMasquerade,  // "file://..." serves a directory
+  // Fetches a zip that the core unpacks with the entry names the archive
+  // gives, "../" included, so its source must never be the caller's choice.
+  kArchiveDownload,
+  kNetns,             // joins another process's network namespace
+  kSetsClock,         // ntp.write_to_system
+  kSetsSystemProxy,   // the core changes the desktop's proxy settings
+  kProfiler,          // experimental.debug.listen: a pprof server
+  kControllerListen,  // a control API: only on the loopback address
 };
 
 // Object types in which `path` is the path part of a URL, never a file.
@@ -67,11 +74,23 @@ MemberKind ClassifyMember(std::string_view name, std::string_view container) {
   // made them; the core never opens or starts it.
   if (name == "process_path") return MemberKind::kPlain;
   if (name == "path") return MemberKind::kPath;
-  if (name == "external_ui") return MemberKind::kExternalUi;
-  if (name == "external_ui_download_url") return MemberKind::kUiDownloadUrl;
-  if (name == "download_url" && container == "dashboard") return MemberKind::kDashboardDownload;
+  // The API service's dashboard downloads its archive the way the clash API's
+  // external UI does; http_client is its download detour.
+  if (name == "external_ui_download_url" || name == "external_ui_download_detour" ||
+      (container == "dashboard" && (name == "download_url" || name == "http_client"))) {
+    return MemberKind::kArchiveDownload;
+  }
   if (name == "masquerade") return MemberKind::kMasquerade;
-  if (name == "output" || name == "directory" || name == "dashboard") return MemberKind::kFilePath;
+  if (name == "netns") return MemberKind::kNetns;
+  if (name == "write_to_system") return MemberKind::kSetsClock;
+  if (name == "set_system_proxy") return MemberKind::kSetsSystemProxy;
+  if (name == "listen" && container == "debug") return MemberKind::kProfiler;
+  if (name == "external_controller" || (name == "listen" && container == "v2ray_api")) {
+    return MemberKind::kControllerListen;
+  }
+  if (name == "output" || name == "directory" || name == "dashboard" || name == "external_ui") {
+    return MemberKind::kFilePath;
+  }
   // Plurals too: route.dhcp_lease_files is a list of files the core reads.
   for (const std::string_view suffix :
        {"_path", "_paths", "_directory", "_directories", "_file", "_files"}) {
@@ -117,6 +136,76 @@ bool CheckSegment(std::string_view segment, PathRules rules, std::string& reason
   return false;
 }
 
+// A dotted quad whose first number is 127, in the only spelling Go's address
+// parser takes: four decimal numbers up to 255 without leading zeros. Any other
+// spelling ("127.1", "127.0.0.01") is looked up as a host name instead.
+bool IsLoopbackIpv4(std::string_view host) {
+  std::size_t start = 0;
+  for (int part = 0; part < 4; ++part) {
+    const std::size_t end = part == 3 ? host.size() : host.find('.', start);
+    if (end == std::string_view::npos) return false;
+    const std::string_view digits = host.substr(start, end - start);
+    if (digits.empty() || digits.size() > 3 || (digits.size() > 1 && digits[0] == '0'))
+      return false;
+    unsigned value = 0;
+    for (const char c : digits) {
+      if (c < '0' || c > '9') return false;
+      value = value * 10 + static_cast<unsigned>(c - '0');
+    }
+    if (value > 255 || (part == 0 && value != 127)) return false;
+    start = end + 1;
+  }
+  return true;
+}
+
+// "host:port" split as Go's net.SplitHostPort splits it ("[::1]:9090" too);
+// true only for a host that is a loopback address. An empty host (":9090")
+// listens on every address, and a name other than localhost may resolve to
+// any address, so both are false.
+bool ListensOnLoopbackOnly(std::string_view address) {
+  std::string_view host;
+  if (!address.empty() && address[0] == '[') {
+    const std::size_t close = address.find(']');
+    if (close == std::string_view::npos || address.substr(close + 1, 1) != ":") return false;
+    host = address.substr(1, close - 1);
+  } else {
+    const std::size_t colon = address.rfind(':');
+    if (colon == std::string_view::npos) return false;
+    host = address.substr(0, colon);
+    if (host.find(':') != std::string_view::npos) return false;
+  }
+  std::string lower(host);
+  for (char& c : lower) c = ToLowerAscii(c);
+  return lower == "localhost" || host == "::1" || IsLoopbackIpv4(host);
+}
+
+// A JSON string of `text`, which the parser has already checked to be UTF-8:
+// quotes, backslashes and control bytes escaped, every other byte as it is.
+void AppendJsonString(std::string& out, std::string_view text) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  out += '"';
+  for (const char c : text) {
+    const unsigned char byte = static_cast<unsigned char>(c);
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += c;
+    } else if (c == '\n') {
+      out += "\\n";
+    } else if (c == '\r') {
+      out += "\\r";
+    } else if (c == '\t') {
+      out += "\\t";
+    } else if (byte < 0x20) {
+      out += "\\u00";
+      out += kHex[byte >> 4];
+      out += kHex[byte & 0xF];
+    } else {
+      out += c;
+    }
+  }
+  out += '"';
+}
+
 // Member names as shown in a refusal: control bytes replaced and long names
 // cut (at a character boundary), since the text goes into the log and the
 // answer.
@@ -141,6 +230,10 @@ struct Candidate {
 
 struct Frame {
   bool isObject = false;
+  // The plain text: an array's elements so far, joined; an object's members
+  // as (name as written, value text), repeats dropped at its end.
+  std::string text;
+  std::vector<std::pair<std::string, std::string>> members;
   std::size_t pathLength = 0;  // length of the shown path of the container itself
   std::string openedBy;        // folded name of the member holding it, "" otherwise
   // Arrays: next element and the rule for their strings (arrays of paths).
@@ -149,14 +242,13 @@ struct Frame {
   std::size_t deferTo = 0;  // object frame that judges its `path` strings
   // Objects: the member whose value comes next.
   std::string memberName;
+  std::string memberRawName;  // unescaped but not folded: what the plain text keeps
   MemberKind memberKind = MemberKind::kPlain;
   std::uint64_t memberOrder = 0;
   // Objects: judged at their end, once every member has been seen.
   bool typeSeen = false;
   bool everyTypeIsWeb = true;
   Candidate filePathInPath;  // first `path` outside the data directory
-  Candidate download;        // first download without a safe target
-  bool downloadTargetSafe = false;
 };
 
 // Walks the parser's events with an explicit stack of containers, so depth
@@ -168,6 +260,7 @@ struct GuardWalker {
   std::uint64_t order = 0;
   Candidate first;
   bool tooDeep = false;
+  std::string plain;  // the whole document, once its last value has ended
 
   void Offer(std::uint64_t at, std::string text) {
     if (!first.set || at < first.order) first = Candidate{true, at, std::move(text)};
@@ -221,15 +314,6 @@ struct GuardWalker {
       case MemberKind::kPath:
         if (!CheckDataRelativePath(value, rules, reason)) {
           OfferLater(judge.filePathInPath, place.order, path + " " + reason);
-        } else if (judge.openedBy == "dashboard" && !place.inArray) {
-          judge.downloadTargetSafe = true;
-        }
-        break;
-      case MemberKind::kExternalUi:
-        if (!CheckDataRelativePath(value, rules, reason)) {
-          Offer(place.order, path + " " + reason);
-        } else if (judge.openedBy != "dashboard" && !place.inArray) {
-          judge.downloadTargetSafe = true;
         }
         break;
       case MemberKind::kMasquerade: {
@@ -240,16 +324,27 @@ struct GuardWalker {
         }
         break;
       }
+      case MemberKind::kNetns:
+      case MemberKind::kProfiler:
+        if (!value.empty()) JudgeAnyValue(place, "a string");
+        break;
+      case MemberKind::kControllerListen:
+        if (!value.empty() && !ListensOnLoopbackOnly(value)) JudgeAnyValue(place, "a string");
+        break;
       default:
-        JudgeAnyValue(place);
+        JudgeAnyValue(place, "a string");
         break;
     }
   }
 
-  // Rules that hold whatever the value is.
-  void JudgeAnyValue(const Place& place) {
+  // Rules for a value that is not a string the rules above let through.
+  // `literal` is a scalar's JSON text; a container or a string has none that
+  // counts ("null" and "false" switch the members below off, nothing else
+  // does: whatever the core cannot decode it refuses by itself).
+  void JudgeAnyValue(const Place& place, std::string_view literal) {
     if (place.inArray || place.kind == MemberKind::kPlain) return;
     Frame& judge = frames[place.judge];
+    const bool off = literal == "null" || literal == "false";
     switch (place.kind) {
       case MemberKind::kProgram:
         Offer(place.order, path + " runs a program");
@@ -258,20 +353,45 @@ struct GuardWalker {
         judge.typeSeen = true;
         judge.everyTypeIsWeb = false;
         break;
-      case MemberKind::kUiDownloadUrl:
-        OfferLater(judge.download, place.order,
-                   path + " needs an external_ui inside the data directory");
+      case MemberKind::kArchiveDownload:
+        Offer(place.order, path + " downloads an archive to unpack");
         break;
-      case MemberKind::kDashboardDownload:
-        OfferLater(judge.download, place.order, path + " needs a path inside the data directory");
+      case MemberKind::kNetns:
+        if (literal != "null") Offer(place.order, path + " joins another network namespace");
+        break;
+      case MemberKind::kSetsClock:
+        if (!off) Offer(place.order, path + " sets the system clock");
+        break;
+      case MemberKind::kSetsSystemProxy:
+        if (!off) Offer(place.order, path + " sets the system proxy");
+        break;
+      case MemberKind::kProfiler:
+        if (literal != "null") Offer(place.order, path + " starts a profiling server");
+        break;
+      case MemberKind::kControllerListen:
+        if (literal != "null") Offer(place.order, path + " listens beyond the loopback address");
         break;
       default:
         break;
     }
   }
 
-  bool Scalar() {
-    JudgeAnyValue(BeginValue());
+  // A value is complete: its text joins its container's, or is the document.
+  void EndValue(std::string text) {
+    if (frames.empty()) {
+      plain = std::move(text);
+    } else if (frames.back().isObject) {
+      frames.back().members.emplace_back(std::move(frames.back().memberRawName), std::move(text));
+    } else {
+      std::string& list = frames.back().text;
+      if (!list.empty()) list += ',';
+      list += text;
+    }
+  }
+
+  bool Scalar(std::string literal) {
+    JudgeAnyValue(BeginValue(), literal);
+    EndValue(std::move(literal));
     return true;
   }
 
@@ -281,7 +401,7 @@ struct GuardWalker {
       return false;
     }
     const Place place = BeginValue();
-    JudgeAnyValue(place);
+    JudgeAnyValue(place, "");
     Frame frame;
     frame.isObject = isObject;
     frame.pathLength = path.size();
@@ -289,9 +409,7 @@ struct GuardWalker {
     if (!isObject) {
       // Only strings directly in an array of paths are paths; objects inside
       // are judged by their own members.
-      const bool pathList = place.kind == MemberKind::kFilePath ||
-                            place.kind == MemberKind::kPath ||
-                            place.kind == MemberKind::kExternalUi;
+      const bool pathList = place.kind == MemberKind::kFilePath || place.kind == MemberKind::kPath;
       frame.elementKind = pathList ? place.kind : MemberKind::kPlain;
       frame.deferTo = place.judge;
     }
@@ -301,28 +419,50 @@ struct GuardWalker {
 
   bool EndContainer() {
     Frame& frame = frames.back();
+    std::string text;
     if (frame.isObject) {
       if (frame.filePathInPath.set && !(frame.typeSeen && frame.everyTypeIsWeb)) {
         Offer(frame.filePathInPath.order, frame.filePathInPath.text);
       }
-      if (frame.download.set && !frame.downloadTargetSafe) {
-        Offer(frame.download.order, frame.download.text);
+      // The core's decoder keeps the last of equal names (a map such as
+      // HTTP headers is case-sensitive, so only bytes-equal names repeat).
+      // Every one was judged; the plain text keeps the last, in its place.
+      std::unordered_set<std::string_view> later;
+      std::vector<bool> kept(frame.members.size());
+      for (std::size_t i = frame.members.size(); i-- > 0;) {
+        kept[i] = later.insert(frame.members[i].first).second;
       }
+      text = "{";
+      for (std::size_t i = 0; i < frame.members.size(); ++i) {
+        if (!kept[i]) continue;
+        if (text.size() > 1) text += ',';
+        AppendJsonString(text, frame.members[i].first);
+        text += ':';
+        text += frame.members[i].second;
+      }
+      text += '}';
+    } else {
+      text = "[" + frame.text + "]";
     }
     frames.pop_back();
+    EndValue(std::move(text));
     return true;
   }
 
   // The nlohmann SAX interface.
-  bool null() { return Scalar(); }
-  bool boolean(bool) { return Scalar(); }
-  bool number_integer(Json::number_integer_t) { return Scalar(); }
-  bool number_unsigned(Json::number_unsigned_t) { return Scalar(); }
-  bool number_float(Json::number_float_t, const std::string&) { return Scalar(); }
-  bool binary(Json::binary_t&) { return Scalar(); }
+  bool null() { return Scalar("null"); }
+  bool boolean(bool value) { return Scalar(value ? "true" : "false"); }
+  bool number_integer(Json::number_integer_t value) { return Scalar(std::to_string(value)); }
+  bool number_unsigned(Json::number_unsigned_t value) { return Scalar(std::to_string(value)); }
+  // The number as it was written: "1.50" and "1E300" reach the core as sent.
+  bool number_float(Json::number_float_t, const std::string& text) { return Scalar(text); }
+  bool binary(Json::binary_t&) { return false; }  // JSON text has none
   bool string(std::string& value) {
     const Place place = BeginValue();
     if (!frames.empty()) JudgeString(place, value);
+    std::string text;
+    AppendJsonString(text, value);
+    EndValue(std::move(text));
     return true;
   }
   bool start_object(std::size_t) { return StartContainer(true); }
@@ -332,6 +472,7 @@ struct GuardWalker {
   bool key(std::string& name) {
     Frame& frame = frames.back();
     frame.memberName = FoldMemberName(name);
+    frame.memberRawName = name;
     frame.memberKind = ClassifyMember(frame.memberName, frame.openedBy);
     frame.memberOrder = ++order;
     path.resize(frame.pathLength);
@@ -381,7 +522,9 @@ bool CheckDataRelativePath(std::string_view path, PathRules rules, std::string& 
   return false;
 }
 
-bool CheckServiceConfig(std::string_view config, PathRules rules, std::string& refusal) {
+bool JudgeServiceConfig(std::string_view config, PathRules rules, std::string& plainJson,
+                        std::string& refusal) {
+  plainJson.clear();
   GuardWalker walker;
   walker.rules = rules;
   const bool parsed = Json::sax_parse(config.begin(), config.end(), &walker,
@@ -398,6 +541,7 @@ bool CheckServiceConfig(std::string_view config, PathRules rules, std::string& r
     refusal = walker.first.text;
     return false;
   }
+  plainJson = std::move(walker.plain);
   return true;
 }
 

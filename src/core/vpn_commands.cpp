@@ -23,8 +23,8 @@ std::string Disconnected(std::string_view message) {
 // The steps both start commands share: refuse an empty body (and, in the
 // service, a configuration the guard refuses), put the user's proxy back and
 // stop any core (every start begins clean, also in the same mode), write the
-// configuration and start the core. True when the core runs; otherwise
-// `answer` holds the refusal.
+// configuration (in the service, as the guard read it) and start the core.
+// True when the core runs; otherwise `answer` holds the refusal.
 bool WriteConfigAndStartCore(const std::string& body, std::string& answer) {
   if (body.empty()) {
     // Nothing else happens: a running core keeps running.
@@ -32,7 +32,9 @@ bool WriteConfigAndStartCore(const std::string& body, std::string& answer) {
     return false;
   }
   std::string refusal;
-  if (IsRunningAsService() && !CheckServiceConfig(body, ThisPlatform().pathRules, refusal)) {
+  std::string plainConfig;
+  if (IsRunningAsService() &&
+      !JudgeServiceConfig(body, ThisPlatform().pathRules, plainConfig, refusal)) {
     // Refused before anything changes: the running core and the user's proxy
     // stay as they are and nothing is written.
     const std::string message = "configuration refused by the service: " + refusal;
@@ -51,7 +53,9 @@ bool WriteConfigAndStartCore(const std::string& body, std::string& answer) {
     return false;
   }
   const std::filesystem::path configPath = GetCoreConfigPath();
-  if (!WriteWholeFile(configPath, body)) {
+  // The service hands the core the guard's own reading, never the caller's
+  // bytes (see JudgeServiceConfig); the stand-alone helper writes them as sent.
+  if (!WriteWholeFile(configPath, IsRunningAsService() ? plainConfig : body)) {
     answer = Disconnected("Failed to write sing-box config");
     return false;
   }

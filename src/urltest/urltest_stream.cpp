@@ -82,8 +82,9 @@ void HandleUrlTest(SocketHandle socket, const std::string& body) {
   }
   const UrlTestRequest& request = session.request;
   std::string refusal;
+  std::string plainConfig;
   if (IsRunningAsService() &&
-      !CheckServiceConfig(request.config, ThisPlatform().pathRules, refusal)) {
+      !JudgeServiceConfig(request.config, ThisPlatform().pathRules, plainConfig, refusal)) {
     // Nothing is written or started; every node is reported as failed, so a
     // client waiting for one line per node still sees the test end.
     HelperLog().Append("URLTest configuration refused by the service: " + refusal);
@@ -100,7 +101,10 @@ void HandleUrlTest(SocketHandle socket, const std::string& body) {
   }
   session.configPath = MakeUrlTestConfigPath();
   std::string writeError;
-  if (!WriteFileBytes(session.configPath, request.config, writeError)) {
+  // The service hands the core the guard's own reading, never the caller's
+  // bytes (see JudgeServiceConfig).
+  const std::string& config = IsRunningAsService() ? plainConfig : request.config;
+  if (!WriteFileBytes(session.configPath, config, writeError)) {
     HelperLog().Append("URLTest failed to write config: " + writeError);
     SendEmptyAnswer(socket);
     return;

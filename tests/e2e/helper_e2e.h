@@ -31,6 +31,12 @@ inline std::string Config(std::string_view behaviour = {}, std::string_view port
   if (!behaviour.empty()) config += ",\"x-test-double\":\"" + std::string(behaviour) + "\"";
   return config + "}\n" + std::string("\0\xFF", 2);
 }
+// What the service writes for Config(): its guard's reading (which ends at the
+// NUL) as plain JSON.
+const std::string kPlainConfig =
+    R"({"log":{"level":"info"},"inbounds":[{"type":"mixed","tag":"orvel-vpn-mixed",)"
+    R"("listen":"127.0.0.1","listen_port":2080}],"outbounds":[{"type":"direct","tag":")"
+    "\xE6\x97\xA5\xE6\x9C\xAC\"}]}";
 
 inline std::string Answer(std::string_view status, std::string_view message) {
   return OkAnswer("application/json", "{\"status\":\"" + std::string(status) +

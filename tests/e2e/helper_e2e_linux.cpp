@@ -301,8 +301,16 @@ TEST_F(Helper, DataDirectoryFollowsTheRunModeAndTheUsersHome) {
   ASSERT_TRUE(Restart(CorePlacement::kBesideExe, {}, false, {"--service"})) << helper.error;
   unsetenv("STATE_DIRECTORY");
   EXPECT_EQ(Post("/start-tun", Config()), kTunConnected);
-  EXPECT_EQ(ReadFileBytes(state / "sing-box.json"), Config());
+  EXPECT_EQ(ReadFileBytes(state / "sing-box.json"), kPlainConfig);
   EXPECT_EQ(CoreRun()["workingDirectory"], state.string());
+  // The core ends a line comment only at LF: it gets the guard's reading, not
+  // the tor outbound behind the CR. A refusal writes nothing.
+  EXPECT_EQ(Post("/start-tun", "{ //\r/*\n\"outbounds\":[{\"type\":\"tor\"}] //*/\n}"),
+            kTunConnected);
+  const std::string refused = "configuration refused by the service: ";
+  EXPECT_EQ(Post("/start-tun", R"({"inbounds":[{"type":"tun","netns":"/proc/1/ns/net"}]})"),
+            Answer("disconnected", refused + "inbounds[0].netns joins another network namespace"));
+  EXPECT_EQ(ReadFileBytes(state / "sing-box.json"), "{}");
   // No XDG_DATA_HOME and no HOME: the home of the password database, here a
   // throwaway account's, whose helper takes its lock in /tmp and finds the
   // core on PATH.

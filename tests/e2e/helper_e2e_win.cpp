@@ -372,12 +372,15 @@ TEST_F(Helper, ServiceIsInstalledRunsTheCoreAndRefusesUnsafeConfigurations) {
   EXPECT_EQ(
       Post("/start", R"({"log":{"output":"C:\\Windows\\evil.txt"}})"),
       Answer("disconnected", refused + "log.output contains ':' (a drive, stream or device)"));
+  EXPECT_EQ(Post("/start", R"({"experimental":{"clash_api":{"external_controller":":9090"}}})"),
+            Answer("disconnected", refused + "experimental.clash_api.external_controller listens "
+                                             "beyond the loopback address"));
   const UrlTestStream stream = RunUrlTest(EncodeUrlTestBody(
       {"guarded", "http://cp.example.test/generate_204", {"delay-10", "delay-20"}, tor}, 2));
   EXPECT_EQ(stream.lines.at(0).first + stream.lines.at(1).first,
             R"({"nodeTag":"delay-10","delayMs":0}{"nodeTag":"delay-20","delayMs":0})");
   EXPECT_TRUE(LogHasLine("URLTest " + refused + "outbounds[0].type is tor, which runs a program"));
-  EXPECT_EQ(ReadFileBytes(DataFile(L"sing-box.json")), Config());
+  EXPECT_EQ(ReadFileBytes(DataFile(L"sing-box.json")), kPlainConfig);
   EXPECT_EQ(CountProcessesNamed(L"sing-box.exe"), 1);
   EXPECT_EQ(ReadFileBytes(RecordPath("core-run.txt")) + ReadWininetCalls(), "");
   // A URL test the service refuses starts nothing. In one it runs, quotes, a

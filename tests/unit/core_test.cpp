@@ -15,23 +15,32 @@ static std::string Nested(std::size_t n) { return std::string(n, '[') + std::str
 static std::string Output(std::string_view p) {
   return R"({"log":{"output":")" + std::string(p) + "\"}}";
 }
+static std::string Controller(std::string_view address) {
+  return R"({"experimental":{"clash_api":{"external_controller":")" + std::string(address) +
+         "\"}}}";
+}
 
-TEST(CheckServiceConfig, RefusesProgramsAndPathsOutsideTheDataDirectory) {
+TEST(JudgeServiceConfig, RefusesProgramsPathsOutsideTheDataDirectoryAndMachineChanges) {
   // A configuration a user really runs: URL paths where the type says so, a
-  // program path that only matches connections, a tag named like a program.
+  // program path that only matches connections, a tag named like a program,
+  // control APIs on loopback addresses, switches that are off.
   const std::string kTun =
       R"({"outbounds":[{"type":"vless","tag":"hk","transport":{"type":"ws","path":"/ray"}},)"
       R"({"type":"http","path":"/"},{"type":"direct","tag":"tor"}],"dns":{"servers":[)"
       R"({"type":"https","path":"/dns-query"},{"type":"hosts","path":["hosts"]}]},"route":)"
       R"({"rules":[{"process_path":["C:\\Program Files\\app.exe"]}]},"experimental":{"cache_file":)"
-      R"({"path":"cache\\cache.db"},"clash_api":{"external_ui_download_url":"https://x/ui.zip",)"
-      R"("external_ui":"ui"}}})";
+      R"({"path":"cache\\cache.db"},"clash_api":{"external_controller":"[::1]:9090",)"
+      R"("external_ui":"ui"},"v2ray_api":{"listen":"LocalHost:8080"},"debug":{"listen":""}},)"
+      R"("ntp":{"write_to_system":false},"inbounds":[{"netns":"","set_system_proxy":null}]})";
   const std::string kRun = " runs a program", kUp = " climbs out of the data directory with '..'",
-                    kDrive = " contains ':' (a drive, stream or device)";
+                    kDrive = " contains ':' (a drive, stream or device)",
+                    kZip = " downloads an archive to unpack",
+                    kWide = " listens beyond the loopback address";
   const std::pair<std::string, std::vector<std::string>> cases[] = {
       {"",
        {kTun, R"({"inbounds":[{"type":"hysteria2","masquerade":"https://example.com"}]})",
-        R"({"services":[{"type":"api","dashboard":{"path":"dash","download_url":"https://x/d.zip"}}]})",
+        R"({"services":[{"type":"api","dashboard":{"path":"dash","enabled":true}}]})",
+        R"({"x":{"external_controller":"127.255.0.1:0"},"v2ray_api":{"listen":null}})",
         "// comment\n{/* \"executable_path\" */ \"log\": {\"output\": \"\"}}",
         Output("logs/console.log"), Output("nullable/com10/lpt.txt"), Nested(kMaxConfigDepth)}},
       {"outbounds[2].executable_path" + kRun,
@@ -62,11 +71,32 @@ TEST(CheckServiceConfig, RefusesProgramsAndPathsOutsideTheDataDirectory) {
         Output("lpt9.log"), Output("com\u00b9")}},
       {"experimental.clash_api.external_ui" + kDrive,
        {R"({"experimental":{"clash_api":{"external_ui":"C:\\"}}})"}},
-      {"experimental.clash_api.external_ui_download_url needs an external_ui inside the data "
-       "directory",
-       {R"({"experimental":{"clash_api":{"external_ui_download_url":""}}})"}},
-      {"services[0].dashboard.download_url needs a path inside the data directory",
-       {R"({"services":[{"dashboard":{"download_url":"https://x/d.zip"}}]})"}},
+      // The core unpacks a downloaded zip with the names the archive gives.
+      {"experimental.clash_api.external_ui_download_url" + kZip,
+       {R"({"experimental":{"clash_api":{"external_ui":"ui","external_ui_download_url":""}}})"}},
+      {"a.external_ui_download_detour" + kZip, {R"({"a":{"external_ui_download_detour":"p"}})"}},
+      {"services[0].dashboard.download_url" + kZip,
+       {R"({"services":[{"dashboard":{"path":"d","download_url":"https://x/d.zip"}}]})"}},
+      {"services[0].Dashboard.HTTP_Client" + kZip,
+       {R"({"services":[{"Dashboard":{"HTTP_Client":{}}}]})"}},
+      {"inbounds[1].netns joins another network namespace",
+       {R"({"inbounds":[{},{"netns":"/proc/1/ns/net"}]})", R"({"inbounds":[{},{"netns":0}]})"}},
+      {"ntp.write_to_system sets the system clock",
+       {R"({"ntp":{"write_to_system":false,"write_to_system":true}})"}},
+      {"inbounds[0].set_system_proxy sets the system proxy",
+       {R"({"inbounds":[{"set_system_proxy":true}]})"}},
+      {"experimental.debug.listen starts a profiling server",
+       {R"({"experimental":{"debug":{"listen":"127.0.0.1:6060"}}})"}},
+      // An empty host is every address; only a dotted quad Go parses as one is
+      // an address, anything else a name to look up.
+      {"experimental.clash_api.external_controller" + kWide,
+       {Controller(":9090"), Controller("0.0.0.0:9090"), Controller("[::]:9090"),
+        Controller("127.1:9090"), Controller("127.0.0.01:9090"), Controller("::1:9090"),
+        Controller("[::1]9090"), Controller("127.0.0.1"), Controller("localhost.:9090"),
+        Controller("128.0.0.1:9090"),
+        R"({"experimental":{"clash_api":{"external_controller":1}}})"}},
+      {"experimental.v2ray_api.listen" + kWide,
+       {R"({"experimental":{"v2ray_api":{"listen":"192.168.1.2:8080"}}})"}},
       {"inbounds[0].masquerade serves files; only an http:// or https:// address is allowed",
        {R"({"inbounds":[{"masquerade":"FILE:///C:/"}]})"}},
       // `path` is a URL path only where every "type" says so; the first
@@ -81,11 +111,45 @@ TEST(CheckServiceConfig, RefusesProgramsAndPathsOutsideTheDataDirectory) {
       {"nested too deeply", {Nested(kMaxConfigDepth + 1), Nested(100000)}}};
   for (const auto& [expected, configs] : cases)
     for (const std::string& config : configs) {
-      std::string refusal;
-      EXPECT_EQ(CheckServiceConfig(config, PathRules::kWindows, refusal), expected.empty())
+      std::string plain, refusal;
+      EXPECT_EQ(JudgeServiceConfig(config, PathRules::kWindows, plain, refusal), expected.empty())
           << config.substr(0, 200);
       EXPECT_EQ(refusal, expected) << config.substr(0, 200);
     }
+}
+
+TEST(JudgeServiceConfig, HandsTheCoreExactlyWhatItJudged) {
+  // The core ends a line comment only at LF and reads past a NUL; what it is
+  // handed has neither comments nor bytes after the guard's end of input.
+  using namespace std::string_literals;
+  const std::pair<std::string, std::string> cases[] = {
+      {"{ //\r/*\n\"outbounds\":[{\"type\":\"tor\",\"executable_path\":\"/tmp/x.sh\"}] //*/\n}",
+       "{}"},
+      {"{\"a\":1} \0{\"outbounds\":[{\"type\":\"tor\"}]}"s, R"({"a":1})"},
+      {"{ //\0/*\n\"command\":1 //*/\n}"s, "{}"},
+      {"{/* \"*/\"a\"/**/:\t[ \"*/ /* //\" , # \n]}", "not valid JSON"},
+      {"{/* \"*/\"a\"/**/:\t[ \"*/ /* //\" ]\r\n}", R"({"a":["*/ /* //"]})"},
+      // The last of equal names, in its place; names differing in case stay.
+      {R"({"a":1,"A":2,"a":{"x":[1,{"x":0,"x":null}]},"b":[]})",
+       R"({"A":2,"a":{"x":[1,{"x":null}]},"b":[]})"},
+      {R"({"h":{"X-Id":"1","x-id":"2"}})", R"({"h":{"X-Id":"1","x-id":"2"}})"},
+      // Escapes read and written back: UTF-8 as it is, control bytes escaped.
+      {R"({"k\u0041\u00e9":"\u0000\u001f\b\f\n\r\t\"\\\/\u007f\ud83d\ude00)"
+       "\xC3\xA9\"}",
+       R"({"kA)"
+       "\xC3\xA9"
+       R"(":"\u0000\u001f\u0008\u000c\n\r\t\"\\/)"
+       "\x7F\xF0\x9F\x98\x80\xC3\xA9\"}"},
+      // Numbers as written where the parser keeps the text.
+      {"[1.50,-0,1E300,18446744073709551616,-9223372036854775808,true,false,null]",
+       "[1.50,0,1E300,18446744073709551616,-9223372036854775808,true,false,null]"},
+      {"\xEF\xBB\xBF \"top\" ", R"("top")"},
+  };
+  for (const auto& [config, expected] : cases) {
+    std::string plain, refusal;
+    JudgeServiceConfig(config, PathRules::kLinux, plain, refusal);
+    EXPECT_EQ(refusal.empty() ? plain : refusal, expected) << config;
+  }
 }
 
 TEST(CheckDataRelativePath, LinuxKnowsOnlySlashesHomesAndNul) {
@@ -108,8 +172,9 @@ TEST(CheckDataRelativePath, LinuxKnowsOnlySlashesHomesAndNul) {
     EXPECT_EQ(CheckDataRelativePath(path, PathRules::kLinux, reason), expected.empty()) << path;
     EXPECT_EQ(reason, expected) << path;
   }
-  std::string refusal;
-  EXPECT_FALSE(CheckServiceConfig(R"({"log":{"output":"/tmp/x"}})", PathRules::kLinux, refusal));
+  std::string plain, refusal;
+  EXPECT_FALSE(
+      JudgeServiceConfig(R"({"log":{"output":"/tmp/x"}})", PathRules::kLinux, plain, refusal));
   EXPECT_EQ(refusal, "log.output starts at the root of the file system");
 }
 
