@@ -11,6 +11,9 @@
 #include "core/core_process.h"
 #include "core/host_platform.h"
 #include "core/paths.h"
+#include "core/root_only.h"
+#include "core/run_mode.h"
+#include "log/log_buffer.h"
 
 namespace orvel {
 
@@ -40,6 +43,27 @@ void DiscardOutputUntilClosed(int readEnd) {
 
 }  // namespace
 
+bool ResolveCoreToRun(std::filesystem::path& exe) {
+  exe = FindCoreExecutable();
+  if (exe.empty() || !IsRunningAsService()) return !exe.empty();
+  // The service runs the core as root: one that someone else could have
+  // swapped is run by nobody, and the resolved path is what runs, so nothing
+  // can be swapped between the check and the start.
+  std::filesystem::path resolved;
+  std::vector<RootOnlyOffence> offences;
+  if (CheckRootOnlyPath(exe, resolved, offences)) {
+    exe = resolved;
+    return true;
+  }
+  if (!offences.empty()) {
+    const RootOnlyOffence& offence = offences.front();
+    HelperLog().Append("sing-box is not root's alone: " + offence.path.string() + " (" +
+                       DescribeOwnerAndMode(offence.ownerUid, offence.mode) + ")");
+  }
+  exe.clear();
+  return false;
+}
+
 bool IsCoreRunning() { return MainCore.pidfd >= 0 && !WaitForChildExit(MainCore, 0); }
 
 int DuplicateCorePidfd() {
@@ -59,8 +83,8 @@ void StopCore() {
 }
 
 bool StartCore(const std::filesystem::path& configPath, std::string& errorMessage) {
-  const std::filesystem::path exe = FindCoreExecutable();
-  if (exe.empty()) {
+  std::filesystem::path exe;
+  if (!ResolveCoreToRun(exe)) {
     errorMessage = ThisPlatform().coreNotFound;
     return false;
   }

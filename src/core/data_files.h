@@ -14,7 +14,7 @@ bool CreateDirectoryTree(const std::filesystem::path& directory, std::string& er
 
 // Replaces the file at `path` with `bytes` (binary, truncating, other programs
 // may keep it open) and closes it. False when the open, a write or the close
-// failed.
+// failed. Linux never writes through a link at `path` (O_NOFOLLOW): false.
 bool WriteWholeFile(const std::filesystem::path& path, std::string_view bytes);
 
 }  // namespace orvel

@@ -37,7 +37,9 @@ bool CreateDirectoryTree(const std::filesystem::path& directory, std::string& er
 
 bool WriteWholeFile(const std::filesystem::path& path, std::string_view bytes) {
   // 0600: the configuration carries the user's server credentials.
-  const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  // O_NOFOLLOW: a link in the file's place would send the bytes (and, in the
+  // service, root's truncation) to wherever it points.
+  const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (file < 0) return false;
   bool ok = true;
   for (std::size_t offset = 0; ok && offset < bytes.size();) {

@@ -23,8 +23,8 @@ int main(int argc, char** argv) {
   orvel::BlockTerminationSignals();
   if (service) {
     orvel::MarkRunningAsService();
-  } else if (!orvel::TakeInstanceLock()) {
-    return 0;  // another instance serves this user, or none can be sure not to
+  } else if (int exitCode = 0; !orvel::TakeInstanceLock(exitCode)) {
+    return exitCode;  // 0: this user's helper already runs
   }
   // After the lock: a second instance must not touch the proxy.
   orvel::RecoverSystemProxyAtStartup();

@@ -10,7 +10,10 @@
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -19,6 +22,7 @@
 #include "api/caller_policy.h"
 #include "core/data_files.h"
 #include "core/paths.h"
+#include "core/root_only.h"
 #include "core/run_mode.h"
 #include "entry/service_unit.h"
 #include "entry/shutdown.h"
@@ -73,8 +77,40 @@ bool RunQuietly(std::vector<std::string> arguments) {
 }
 
 // Written whole and readable by all: polkit reads its rules as its own user.
+// AT_SYMLINK_NOFOLLOW: the mode goes to the file just written, never through
+// a link.
 bool WritePublicFile(const char* path, const std::string& text) {
-  return WriteWholeFile(path, text) && chmod(path, 0644) == 0;
+  return WriteWholeFile(path, text) && fchmodat(AT_FDCWD, path, 0644, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+// The service runs this executable and the core beside it (or in its "data"
+// folder; a missing core is no offence here) as root: each, and every folder
+// above them, must be root's alone. Each offence is one line on standard
+// error, then where to install instead; true when there was none.
+bool ProgramsAreRootsAlone(const std::filesystem::path& executable) {
+  std::vector<RootOnlyOffence> offences;
+  std::filesystem::path resolved;
+  if (!CheckRootOnlyPath(executable, resolved, offences) && offences.empty()) {
+    offences.push_back({executable, 0, 0, "cannot be examined"});
+  }
+  const std::filesystem::path directory = executable.parent_path();
+  for (const std::filesystem::path& core :
+       {directory / "sing-box", directory / "data" / "sing-box"}) {
+    struct stat info {};
+    if (lstat(core.c_str(), &info) != 0) continue;
+    CheckRootOnlyPath(core, resolved, offences);
+    break;  // the one the service would run
+  }
+  for (const RootOnlyOffence& offence : offences) {
+    std::fprintf(stderr, "refusing to install: %s %s\n", offence.path.c_str(),
+                 offence.reason.c_str());
+  }
+  if (!offences.empty()) {
+    std::fprintf(stderr,
+                 "install orvel-vpn-helper (and sing-box beside it) in a folder only root can "
+                 "write to, such as /usr/local/lib/orvel-vpn-helper, or from the package\n");
+  }
+  return offences.empty();
 }
 
 // The user who asked for the installation through sudo or pkexec, if any
@@ -96,6 +132,7 @@ int InstallService() {
   if (geteuid() != 0) return kInstallNotRoot;
   const std::filesystem::path executable = GetExecutablePath();
   if (executable.empty()) return kInstallNoExecutable;
+  if (!ProgramsAreRootsAlone(executable)) return kInstallNotRootsAlone;
   std::error_code ec;
   std::filesystem::create_directories(kPolkitRuleDirectory, ec);
   if (!WritePublicFile(kServiceUnitPath, BuildServiceUnit(executable.string())) ||
@@ -140,19 +177,43 @@ void OpenStandardDescriptors() {
   }
 }
 
-bool TakeInstanceLock() {
+bool TakeInstanceLock(int& exitCode) {
   const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-  const std::string path = runtime != nullptr && runtime[0] == '/'
-                               ? std::string(runtime) + "/orvel-vpn-helper.lock"
-                               : "/tmp/orvel-vpn-helper-" + std::to_string(getuid()) + ".lock";
-  // O_NOFOLLOW: in /tmp another user could have put a link in our name's place.
-  const int lock = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (lock < 0) return false;
-  if (flock(lock, LOCK_EX | LOCK_NB) != 0) {
-    close(lock);
+  // Never in /tmp, where any account could take the name first (and hold
+  // the lock, or make it unopenable) and so keep this user's helper from
+  // ever starting: the user's runtime directory, else the data directory.
+  exitCode = 1;
+  const bool inRuntime = runtime != nullptr && runtime[0] == '/';
+  const std::filesystem::path directory = inRuntime ? runtime : GetDataDirectory();
+  if (std::string error; !inRuntime && !CreateDirectoryTree(directory, error)) {
+    std::fprintf(stderr, "orvel-vpn-helper: cannot create %s for the instance lock: %s\n",
+                 directory.c_str(), error.c_str());
     return false;
   }
-  return true;  // held, open, until the process ends
+  const std::filesystem::path path = directory / "orvel-vpn-helper.lock";
+  // O_NONBLOCK: a FIFO in the lock's place must not hold the start up.
+  const int lock = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
+  struct stat info {};
+  std::string refusal;
+  if (lock < 0 || fstat(lock, &info) != 0) {
+    refusal = std::strerror(errno);
+  } else if (!S_ISREG(info.st_mode)) {
+    refusal = "not a regular file";
+  } else if (info.st_uid != getuid()) {
+    refusal = "owned by uid " + std::to_string(info.st_uid);
+  } else if (flock(lock, LOCK_EX | LOCK_NB) == 0) {
+    return true;  // held, open, until the process ends
+  } else if (errno == EWOULDBLOCK) {
+    exitCode = 0;  // a 0600 file of this user's: only this user's helper (or root) holds it
+  } else {
+    refusal = std::strerror(errno);
+  }
+  if (lock >= 0) close(lock);
+  if (!refusal.empty()) {
+    std::fprintf(stderr, "orvel-vpn-helper: cannot use the instance lock %s: %s\n", path.c_str(),
+                 refusal.c_str());
+  }
+  return false;
 }
 
 void BlockTerminationSignals() {

@@ -12,6 +12,9 @@ constexpr int kInstallNotRoot = 2;
 constexpr int kInstallNotWritten = 3;  // the unit, the rule or their directory
 constexpr int kInstallNoGroup = 4;     // the group or the user's membership
 constexpr int kInstallNotEnabled = 5;
+// The executable, the core beside it (or in "data") or a folder above them
+// is not root's alone; nothing is written.
+constexpr int kInstallNotRootsAlone = 6;
 int InstallService();
 
 // The service tells systemd it is ready once it accepts connections
@@ -25,10 +28,12 @@ void OpenStandardDescriptors();
 
 // The stand-alone instance lock: an exclusive, non-blocking flock on
 // $XDG_RUNTIME_DIR/orvel-vpn-helper.lock (when that is set and absolute),
-// else /tmp/orvel-vpn-helper-<uid>.lock; never follows a link. False when
-// the lock is held by another instance or cannot be opened. The lock goes
-// with the process, however it ends.
-bool TakeInstanceLock();
+// else on orvel-vpn-helper.lock in the data directory (made, 0700, when
+// missing); never through a link. True when taken: the lock goes with the
+// process, however it ends. False with `exitCode` 0 when this user's own
+// helper holds it, 1 (after one line on standard error naming the path) when
+// it cannot be opened or is not a regular file of this user's.
+bool TakeInstanceLock(int& exitCode);
 
 // SIGTERM, SIGINT and SIGHUP are blocked in every thread (call before the
 // first thread starts) and taken by one thread of their own, which puts the

@@ -250,7 +250,9 @@ bool OnlyKnownKeys(const DesktopProxyState& state) {
 
 std::filesystem::path StatePath() { return GetDataDirectory() / "proxy-state.txt"; }
 
-// Whole under a temporary name, synced, then renamed over the old one.
+// Whole under a temporary name of its own, synced, then renamed over the old
+// one. The name is new each time and created with O_EXCL (mkostemp), so no
+// file or link that someone left under a known name is ever written through.
 bool WriteStateFile(const DesktopProxyState& state, std::string& reason) {
   const std::string bytes = EncodeDesktopProxyState(state);
   std::string directoryError;
@@ -259,8 +261,8 @@ bool WriteStateFile(const DesktopProxyState& state, std::string& reason) {
     return false;
   }
   const std::filesystem::path path = StatePath();
-  const std::filesystem::path temporary = path.string() + ".tmp";
-  const int file = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  std::string temporary = path.string() + ".XXXXXX";
+  const int file = mkostemp(temporary.data(), O_CLOEXEC);
   const bool written =
       file >= 0 && write(file, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()) &&
       fsync(file) == 0;
@@ -273,8 +275,23 @@ bool WriteStateFile(const DesktopProxyState& state, std::string& reason) {
                        : written ? "rename"
                                  : "write") +
            ": " + std::system_category().message(ec ? ec.value() : error);
-  std::filesystem::remove(temporary, ec);
+  if (file >= 0) std::filesystem::remove(temporary, ec);
   return false;
+}
+
+// The temporary files of writes that a helper did not finish
+// ("proxy-state.txt.XXXXXX"); the file each would have replaced, if any, is
+// still whole.
+void RemoveUnfinishedStateFiles() {
+  const std::string prefix = StatePath().filename().string() + ".";
+  std::error_code ec;
+  for (std::filesystem::directory_iterator entry(GetDataDirectory(), ec);
+       !ec && entry != std::filesystem::directory_iterator(); entry.increment(ec)) {
+    std::error_code ignored;
+    if (entry->path().filename().string().starts_with(prefix)) {
+      std::filesystem::remove(entry->path(), ignored);
+    }
+  }
 }
 
 }  // namespace
@@ -383,9 +400,7 @@ void RecoverSystemProxyAtStartup() {
   if (IsRunningAsService()) return;
   const std::filesystem::path path = StatePath();
   std::error_code ignored;
-  // A write that the last helper did not finish; the file it would have
-  // replaced, if any, is still whole.
-  std::filesystem::remove(path.string() + ".tmp", ignored);
+  RemoveUnfinishedStateFiles();
   if (!std::filesystem::exists(path, ignored)) return;
   std::ifstream file(path, std::ios::binary);
   std::string bytes;

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "core/child_launch_linux.h"
+#include "core/core_process_linux.h"
 #include "core/host_platform.h"
 #include "core/paths.h"
 #include "urltest/node_test.h"
@@ -27,8 +28,8 @@ bool RunNodeTest(const std::filesystem::path& configPath, const UrlTestRequest& 
     result.waitResult = kWaitSkippedForCancel;
     return false;
   }
-  const std::filesystem::path exe = FindCoreExecutable();
-  if (exe.empty()) {
+  std::filesystem::path exe;
+  if (!ResolveCoreToRun(exe)) {
     result.output = ThisPlatform().testCoreNotFound;
     return false;
   }

@@ -19,7 +19,8 @@ std::filesystem::path MakeUrlTestConfigPath() {
 // The messages keep the Windows build's call names, with errno for the code.
 bool WriteFileBytes(const std::filesystem::path& path, const std::string& content,
                     std::string& error) {
-  const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  // Never through a link left in the file's place.
+  const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (file < 0) {
     error = "CreateFile failed: " + std::to_string(errno);
     return false;

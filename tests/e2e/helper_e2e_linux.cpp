@@ -6,6 +6,7 @@
 #include <grp.h>
 #include <poll.h>
 #include <pwd.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -311,9 +312,16 @@ TEST_F(Helper, DataDirectoryFollowsTheRunModeAndTheUsersHome) {
   EXPECT_EQ(Post("/start-tun", R"({"inbounds":[{"type":"tun","netns":"/proc/1/ns/net"}]})"),
             Answer("disconnected", refused + "inbounds[0].netns joins another network namespace"));
   EXPECT_EQ(ReadFileBytes(state / "sing-box.json"), "{}");
+  // A core swapped for another account's is run by nobody: answered as a
+  // missing one, and logged.
+  const fs::path core = helper.directory / "sing-box";
+  ASSERT_EQ(chown(core.c_str(), 65534, 65534), 0);
+  EXPECT_EQ(Post("/start-tun", Config()), Answer("disconnected", ThisPlatform().coreNotFound));
+  EXPECT_TRUE(
+      LogHasLine("sing-box is not root's alone: " + core.string() + " (uid 65534, mode 0755)"));
   // No XDG_DATA_HOME and no HOME: the home of the password database, here a
-  // throwaway account's, whose helper takes its lock in /tmp and finds the
-  // core on PATH.
+  // throwaway account's, whose helper takes its lock in its data directory
+  // and finds the core on PATH.
   helper.Stop();
   if (!OthersMayEnterTheRoot()) GTEST_SKIP() << "\"/\" is closed to other accounts here";
   const Account user("orvel-e2e-home");
@@ -327,20 +335,52 @@ TEST_F(Helper, DataDirectoryFollowsTheRunModeAndTheUsersHome) {
   fs::create_directories(exe.parent_path() / "bin");
   fs::copy_file(DoublesDirectory() / "sing-box", exe.parent_path() / "bin" / "sing-box");
   const std::string path = exe.parent_path().string() + "/bin:/usr/bin:/bin";
-  const pid_t own = fork();
-  if (own == 0) {
-    unsetenv("HOME");
-    unsetenv("XDG_DATA_HOME");
-    unsetenv("XDG_RUNTIME_DIR");
-    setenv("PATH", path.c_str(), 1);
-    if (setgroups(0, nullptr) != 0 || setgid(user.gid) != 0 || setuid(user.uid) != 0) _exit(1);
-    StartProgram(exe, {}, "/");
-    _exit(0);
-  }
-  WaitForExit(own, 10000);
-  for (int i = 0; i < 500 && ExchangeRaw("GET /ping HTTP/1.1\r\n\r\n") != kPong; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+  const fs::path errors = home / "errors.txt";
+  // The user's helper: its exit code, or -1 while it serves after 2 s.
+  const auto runUsersHelper = [&] {
+    const pid_t own = fork();
+    if (own == 0) {
+      unsetenv("HOME");
+      unsetenv("XDG_DATA_HOME");
+      unsetenv("XDG_RUNTIME_DIR");
+      setenv("PATH", path.c_str(), 1);
+      if (setgroups(0, nullptr) != 0 || setgid(user.gid) != 0 || setuid(user.uid) != 0) _exit(1);
+      _exit(WaitForExit(StartProgram(exe, {}, "/", "/dev/null", errors), 2000) & 0xFF);
+    }
+    const int code = WaitForExit(own, 10000);
+    for (int i = 0; code == 0xFF && i < 500 && ExchangeRaw("GET /ping HTTP/1.1\r\n\r\n") != kPong;
+         ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return code == 0xFF ? -1 : code;
+  };
+  const auto stopUsersHelper = [&] {
+    std::error_code ec;
+    for (const auto& entry : fs::directory_iterator("/proc", ec)) {
+      std::error_code gone;
+      if (fs::read_symlink(entry.path() / "exe", gone) == exe) {
+        kill(std::stoi(entry.path().filename().string()), SIGTERM);
+      }
+    }
+    for (int i = 0; i < 500 && !ExchangeRaw("GET /ping HTTP/1.1\r\n\r\n").empty(); ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  };
+  // Its lock is in the data directory, never through a link: exit 1 with
+  // the path. Another account's file at the lock's old place in /tmp
+  // (private, or open to all and locked) holds it up no more.
+  const fs::path lock = home / ".local/share/OrvelVPN/orvel-vpn-helper.lock";
+  RunAs(user.uid, user.gid, [&] {
+    fs::create_directories(lock.parent_path());
+    fs::create_symlink(home / "elsewhere", lock);
+    return std::string();
+  });
+  const fs::path oldLock = "/tmp/orvel-vpn-helper-" + std::to_string(user.uid) + ".lock";
+  const int taken = open(oldLock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  EXPECT_EQ(runUsersHelper(), 1);
+  EXPECT_NE(ReadFileBytes(errors).find(lock.string() + ": "), std::string::npos);
+  fs::remove(lock);
+  EXPECT_EQ(runUsersHelper(), -1);
   // Root may use any user's helper.
   EXPECT_EQ(Post("/start-tun", Config()), kTunConnected);
   EXPECT_EQ(ReadFileBytes(home / ".local/share/OrvelVPN/sing-box.json"), Config());
@@ -358,16 +398,15 @@ TEST_F(Helper, DataDirectoryFollowsTheRunModeAndTheUsersHome) {
     EXPECT_EQ(snapshot.find("helper_e2e"), std::string::npos) << snapshot;
     EXPECT_NE(snapshot.find("{\"processName\":\"orvel-vpn-helper\","), std::string::npos);
   }
+  stopUsersHelper();
+  ASSERT_EQ(fchmod(taken, 0666), 0);
+  ASSERT_EQ(flock(taken, LOCK_EX | LOCK_NB), 0);
+  EXPECT_EQ(runUsersHelper(), -1);
+  EXPECT_EQ(ExchangeRaw("GET /ping HTTP/1.1\r\n\r\n"), kPong);
+  stopUsersHelper();
+  close(taken);
   std::error_code ec;
-  for (const auto& entry : fs::directory_iterator("/proc", ec)) {
-    std::error_code gone;
-    if (fs::read_symlink(entry.path() / "exe", gone) == exe) {
-      kill(std::stoi(entry.path().filename().string()), SIGTERM);
-    }
-  }
-  for (int i = 0; i < 500 && !ExchangeRaw("GET /ping HTTP/1.1\r\n\r\n").empty(); ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+  fs::remove(oldLock, ec);
   fs::remove_all(exe.parent_path(), ec);
   fs::remove_all(home, ec);
 }
@@ -478,12 +517,9 @@ TEST_F(Helper, InstallerWritesTheUnitTheRuleAndTheGroupAndTheServiceTellsSystemd
                                           : std::string("none");
   };
   setenv("NOTIFY_SOCKET", notifyPath.c_str(), 1);
-  const std::string oldPath = std::getenv("PATH");
-  setenv("PATH", (DoublesDirectory().string() + ":" + oldPath).c_str(), 1);
   ResetTestRecords();
-  const pid_t service = StartProgram(BinDirectory() / "orvel-vpn-helper", {"--service"}, "/");
+  const pid_t service = StartProgram(root / "orvel-vpn-helper", {"--service"}, "/");
   unsetenv("NOTIFY_SOCKET");
-  setenv("PATH", oldPath.c_str(), 1);
   EXPECT_EQ(message(), "READY=1");
   EXPECT_EQ(ExchangeRaw("GET /ping HTTP/1.1\r\n\r\n"), kPong);
   EXPECT_EQ(Post("/start-tun", Config()), kTunConnected);
@@ -510,35 +546,59 @@ TEST_F(Helper, InstallerWritesTheUnitTheRuleAndTheGroupAndTheServiceTellsSystemd
   }
   if (std::get<0>(RunProgram("/usr/bin/unshare", {"--mount", "true"})) != 0) {
     if (madeGroup) std::system("groupdel orvel-vpn");
+    fs::remove_all(root, ec);
     GTEST_SKIP() << "no private mount namespace here (\"/\" is no mount point?); the unit and "
                     "the rule were not written";
   }
   fs::create_directories("/etc/polkit-1", ec);
   fs::create_directories("/etc/systemd/system", ec);
-  const fs::path moved = WorkDirectory() / "moved dir";
+  // Refused, and nothing written: a folder of a user's, a folder its group
+  // may write to, a core of a user's beside a helper of root's.
+  const std::string uid = std::to_string(user.uid);
+  const std::pair<std::string, std::string> refusals[] = {
+      {"user", "user is owned by uid " + uid},
+      {"group", "group is writable by its group (mode 0775)"},
+      {"core", "core/sing-box is owned by uid " + uid}};
+  std::string refused, names;
+  for (const auto& [name, reason] : refusals) {
+    fs::create_directories(root / name);
+    fs::copy_file(BinDirectory() / "orvel-vpn-helper", root / name / "orvel-vpn-helper");
+    names += " " + name;
+    refused += "refusing to install: " + PathText(root) + "/" + reason +
+               "\ninstall orvel-vpn-helper (and sing-box beside it) in a folder only root can "
+               "write to, such as /usr/local/lib/orvel-vpn-helper, or from the package\nrc=6\n";
+  }
+  ASSERT_EQ(chown((root / "user").c_str(), user.uid, user.gid), 0);
+  fs::permissions(root / "group", fs::perms(0775));
+  fs::copy_file(DoublesDirectory() / "sing-box", root / "core" / "sing-box");
+  ASSERT_EQ(chown((root / "core" / "sing-box").c_str(), user.uid, user.gid), 0);
+  const fs::path moved = root / "moved dir";
   fs::create_directories(moved);
-  fs::copy_file(BinDirectory() / "orvel-vpn-helper", moved / "orvel-vpn-helper",
-                fs::copy_options::overwrite_existing);
+  fs::copy_file(BinDirectory() / "orvel-vpn-helper", moved / "orvel-vpn-helper");
   const std::string script =
       "mount -t tmpfs none /etc/systemd/system && mount -t tmpfs none /etc/polkit-1 || exit 9\n"
+      "for d in" +
+      names +
+      "; do \"$0/$d/orvel-vpn-helper\" --install-service 2>&1; echo \"rc=$?\"; done\n"
+      "find /etc/systemd/system /etc/polkit-1 -mindepth 1\n"
       "SUDO_UID=" +
-      std::to_string(user.uid) +
-      " \"$0\" --install-service; echo \"rc=$?\"\n"
+      uid +
+      " \"$0/orvel-vpn-helper\" --install-service; echo \"rc=$?\"\n"
       "systemd-analyze verify /etc/systemd/system/orvel-vpn-helper.service 2>&1\n"
       "readlink /etc/systemd/system/multi-user.target.wants/orvel-vpn-helper.service\n"
       "cp /etc/polkit-1/rules.d/50-orvel-vpn-helper.rules \"$1/rule.js\"\n"
-      "\"$1/moved dir/orvel-vpn-helper\" --install-service; echo \"rc=$?\"\n"
+      "\"$0/moved dir/orvel-vpn-helper\" --install-service; echo \"rc=$?\"\n"
       "grep ExecStart /etc/systemd/system/orvel-vpn-helper.service\n"
       "mount -o remount,ro /etc/systemd/system\n"
-      "\"$0\" --install-service; echo \"rc=$?\"\n";
+      "\"$0/orvel-vpn-helper\" --install-service; echo \"rc=$?\"\n";
   const auto [code, out, err] =
       RunProgram("/usr/bin/unshare",
-                 {"--mount", "sh", "-c", script, PathText(BinDirectory() / "orvel-vpn-helper"),
-                  PathText(WorkDirectory())});
-  EXPECT_EQ(out,
-            "rc=0\n/etc/systemd/system/orvel-vpn-helper.service\nrc=0\n"
-            "ExecStart=\"" +
-                PathText(moved / "orvel-vpn-helper") + "\" --service\nrc=3\n")
+                 {"--mount", "sh", "-c", script, PathText(root), PathText(WorkDirectory())});
+  fs::remove_all(root, ec);
+  EXPECT_EQ(out, refused +
+                     "rc=0\n/etc/systemd/system/orvel-vpn-helper.service\nrc=0\n"
+                     "ExecStart=\"" +
+                     PathText(moved / "orvel-vpn-helper") + "\" --service\nrc=3\n")
       << err;
   const group* entry = getgrnam("orvel-vpn");
   ASSERT_NE(entry, nullptr);
@@ -634,14 +694,14 @@ TEST_F(Helper, DesktopProxyIsSetAndEveryUserSettingComesBack) {
 
   // A recovery file that cannot be written costs the recovery, not the start.
   ASSERT_TRUE(Restart()) << helper.error;
-  fs::create_directories(DataFile("proxy-state.txt.tmp"));
+  fs::create_directories(DataFile("proxy-state.txt"));
   EXPECT_EQ(Post("/start", Config()), kConnected);
   EXPECT_NE(Logs().find("] Crash recovery is off for this start: the saved proxy settings could "
                         "not be written: "),
             std::string::npos);
   EXPECT_EQ(Post("/stop"), kDisconnected);
   EXPECT_EQ(ProxySettings(), user);
-  fs::remove_all(DataFile("proxy-state.txt.tmp"));
+  fs::remove_all(DataFile("proxy-state.txt"));
 
   // A saved file that names a key the helper never saves is not the
   // helper's: nothing of it is written.

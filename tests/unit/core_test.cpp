@@ -6,6 +6,7 @@
 #include "core/config_guard.h"
 #include "core/core_output.h"
 #include "core/mixed_port.h"
+#include "core/root_only.h"
 #include "entry/service_unit.h"
 
 using namespace orvel;
@@ -231,6 +232,30 @@ TEST(QuoteForSystemd, QuotesEscapesAndDoublesWhatSystemdExpands) {
                 "StateDirectoryMode=0700\n\n[Install]\nWantedBy=multi-user.target\n"),
       std::string::npos)
       << unit;
+}
+
+TEST(JudgeRootOnlyEntry, RootsAloneUnlessAnotherOwnsOrMayWriteOutsideAStickyFolder) {
+  struct Case {
+    std::uint32_t uid, mode;  // as stat reports them, file type bits included
+    bool directory;
+    std::string_view verdict;
+  };
+  const Case cases[] = {
+      {0, 0100755, false, "ok"},
+      {0, 040700, true, "ok"},
+      {0, 041777, true, "ok"},  // /tmp
+      {1000, 0100755, false, "is owned by uid 1000"},
+      {1000, 041777, true, "is owned by uid 1000"},
+      {0, 040775, true, "is writable by its group (mode 0775)"},
+      {0, 0100757, false, "is writable by others (mode 0757)"},
+      {0, 0101777, false, "is writable by others (mode 1777)"},  // sticky means nothing on a file
+  };
+  for (const Case& c : cases) {
+    std::string reason;
+    EXPECT_EQ(JudgeRootOnlyEntry(c.uid, c.mode, c.directory, reason) ? "ok" : reason, c.verdict)
+        << std::oct << c.mode;
+  }
+  EXPECT_EQ(DescribeOwnerAndMode(1000, 0100755), "uid 1000, mode 0755");
 }
 
 TEST(QuoteCommandLineArgument, BackslashesDoubleOnlyBeforeAQuoteOrTheEnd) {
