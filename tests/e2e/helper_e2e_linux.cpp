@@ -516,6 +516,15 @@ TEST_F(Helper, InstallerWritesTheUnitTheRuleAndTheGroupAndTheServiceTellsSystemd
     return poll(&readable, 1, 10000) == 1 ? std::string(text, recv(notify, text, sizeof(text), 0))
                                           : std::string("none");
   };
+  // The service and the installer run from copies in a folder of root's
+  // under /tmp (root's and sticky): the build tree may lie below another
+  // account's folder, which neither accepts.
+  char folder[] = "/tmp/orvel-e2e-install-XXXXXX";
+  ASSERT_NE(mkdtemp(folder), nullptr);
+  const fs::path root = folder;
+  fs::permissions(root, fs::perms(0755));
+  fs::copy_file(BinDirectory() / "orvel-vpn-helper", root / "orvel-vpn-helper");
+  fs::copy_file(DoublesDirectory() / "sing-box", root / "sing-box");
   setenv("NOTIFY_SOCKET", notifyPath.c_str(), 1);
   ResetTestRecords();
   const pid_t service = StartProgram(root / "orvel-vpn-helper", {"--service"}, "/");
