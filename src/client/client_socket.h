@@ -29,6 +29,21 @@ struct ClientSocket {
 // when nothing accepts (no listener, unknown host, unreachable).
 bool ConnectTo(const ClientAddress& address, ClientSocket& socket);
 
+enum class ConnectResult {
+  kConnected,
+  kRefused,         // nothing accepts, as for ConnectTo
+  kStrangerHolder,  // another account listens on the loopback port: never dialed
+  kUnknownHolder    // the port's owner could not be told: nothing sent
+};
+
+// ConnectTo for a request: on Linux a loopback address is dialed only when
+// no socket of another account (neither root nor the caller) listens on it,
+// and the connection is kept only when, once made, a listener of root's or
+// the caller's is still there (one that appeared or left in between is not
+// trusted). `strangerUid` for kStrangerHolder. Windows connects as ConnectTo.
+ConnectResult ConnectToTrustedListener(const ClientAddress& address, ClientSocket& socket,
+                                       std::uint32_t& strangerUid);
+
 // Sends every byte; false on an error.
 bool SendAllBytes(const ClientSocket& socket, std::string_view bytes);
 

@@ -1,13 +1,16 @@
 #include <netdb.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <string>
 
 #include "client/client_socket.h"
+#include "client/listener_holder.h"
 
 namespace orvel::client {
 
@@ -15,30 +18,88 @@ ClientSocket::~ClientSocket() {
   if (handle != kNoSocket) close(static_cast<int>(handle));
 }
 
-bool ConnectTo(const ClientAddress& address, ClientSocket& socket) {
+namespace {
+
+// The address as the kernel will route a connection to it (see DialTarget).
+DialTarget TargetOf(const sockaddr* address) {
+  DialTarget target;
+  if (address->sa_family == AF_INET) {
+    const auto* v4 = reinterpret_cast<const sockaddr_in*>(address);
+    std::memcpy(target.address.data(), &v4->sin_addr, 4);
+    target.port = ntohs(v4->sin_port);
+    if (v4->sin_addr.s_addr == htonl(INADDR_ANY)) target.address = {127, 0, 0, 1};
+    return target;
+  }
+  const auto* v6 = reinterpret_cast<const sockaddr_in6*>(address);
+  target.port = ntohs(v6->sin6_port);
+  if (IN6_IS_ADDR_V4MAPPED(&v6->sin6_addr)) {
+    std::memcpy(target.address.data(), v6->sin6_addr.s6_addr + 12, 4);
+  } else {
+    target.ipv6 = true;
+    std::memcpy(target.address.data(), v6->sin6_addr.s6_addr, 16);
+    if (IN6_IS_ADDR_UNSPECIFIED(&v6->sin6_addr)) target.address[15] = 1;
+  }
+  return target;
+}
+
+ConnectResult Dial(const ClientAddress& address, ClientSocket& socket, bool checkHolder,
+                   std::uint32_t& strangerUid) {
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;
   const std::string port = std::to_string(address.port);
-  if (getaddrinfo(address.host.c_str(), port.c_str(), &hints, &found) != 0) return false;
-  bool connected = false;
-  for (addrinfo* at = found; at != nullptr && !connected; at = at->ai_next) {
+  if (getaddrinfo(address.host.c_str(), port.c_str(), &hints, &found) != 0) {
+    return ConnectResult::kRefused;
+  }
+  ConnectResult result = ConnectResult::kRefused;
+  for (addrinfo* at = found; at != nullptr && result == ConnectResult::kRefused; at = at->ai_next) {
+    const bool check = checkHolder && (at->ai_family == AF_INET || at->ai_family == AF_INET6) &&
+                       IsLoopbackTarget(TargetOf(at->ai_addr));
+    if (check) {
+      const ListenerHolder before = FindListenerHolder(TargetOf(at->ai_addr), strangerUid);
+      if (before == ListenerHolder::kStranger) result = ConnectResult::kStrangerHolder;
+      if (before == ListenerHolder::kUnknown) result = ConnectResult::kUnknownHolder;
+      if (result != ConnectResult::kRefused) break;
+    }
     const int s = ::socket(at->ai_family, at->ai_socktype | SOCK_CLOEXEC, at->ai_protocol);
     if (s < 0) continue;
-    int result = 0;
+    int connected = 0;
     do {
-      result = connect(s, at->ai_addr, at->ai_addrlen);
-    } while (result != 0 && errno == EINTR);
-    if (result == 0) {
+      connected = connect(s, at->ai_addr, at->ai_addrlen);
+    } while (connected != 0 && errno == EINTR);
+    if (connected != 0) {
+      close(s);
+      continue;
+    }
+    result = ConnectResult::kConnected;
+    if (check) {
+      const ListenerHolder after = FindListenerHolder(TargetOf(at->ai_addr), strangerUid);
+      if (after == ListenerHolder::kStranger) result = ConnectResult::kStrangerHolder;
+      if (after == ListenerHolder::kNone || after == ListenerHolder::kUnknown) {
+        result = ConnectResult::kUnknownHolder;
+      }
+    }
+    if (result == ConnectResult::kConnected) {
       socket.handle = s;
-      connected = true;
     } else {
       close(s);
     }
   }
   freeaddrinfo(found);
-  return connected;
+  return result;
+}
+
+}  // namespace
+
+bool ConnectTo(const ClientAddress& address, ClientSocket& socket) {
+  std::uint32_t unused = 0;
+  return Dial(address, socket, false, unused) == ConnectResult::kConnected;
+}
+
+ConnectResult ConnectToTrustedListener(const ClientAddress& address, ClientSocket& socket,
+                                       std::uint32_t& strangerUid) {
+  return Dial(address, socket, true, strangerUid);
 }
 
 bool SendAllBytes(const ClientSocket& socket, std::string_view bytes) {

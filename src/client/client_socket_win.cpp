@@ -62,6 +62,12 @@ bool ConnectTo(const ClientAddress& address, ClientSocket& socket) {
   return connected;
 }
 
+// No owner look-up here: the Linux build alone checks who listens.
+ConnectResult ConnectToTrustedListener(const ClientAddress& address, ClientSocket& socket,
+                                       std::uint32_t&) {
+  return ConnectTo(address, socket) ? ConnectResult::kConnected : ConnectResult::kRefused;
+}
+
 bool SendAllBytes(const ClientSocket& socket, std::string_view bytes) {
   while (!bytes.empty()) {
     const int chunk = static_cast<int>(std::min<std::size_t>(bytes.size(), 1 << 20));

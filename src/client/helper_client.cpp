@@ -6,13 +6,32 @@ namespace {
 
 constexpr int kReceiveChunk = 16 * 1024;
 
+// kAnswered when connected: nothing has been sent yet.
+ExchangeResult Connect(const ClientAddress& address, ClientSocket& socket,
+                       std::uint32_t& strangerUid) {
+  switch (ConnectToTrustedListener(address, socket, strangerUid)) {
+    case ConnectResult::kConnected:
+      return ExchangeResult::kAnswered;
+    case ConnectResult::kStrangerHolder:
+      return ExchangeResult::kStrangerHolder;
+    case ConnectResult::kUnknownHolder:
+      return ExchangeResult::kUnknownHolder;
+    case ConnectResult::kRefused:
+      break;
+  }
+  return ExchangeResult::kNoHelper;
+}
+
 }  // namespace
 
 ExchangeResult Exchange(const ClientAddress& address, std::string_view method,
                         std::string_view path, std::string_view body, HttpAnswer& answer,
                         int timeoutMs) {
   ClientSocket socket;
-  if (!ConnectTo(address, socket)) return ExchangeResult::kNoHelper;
+  if (const ExchangeResult connected = Connect(address, socket, answer.strangerUid);
+      connected != ExchangeResult::kAnswered) {
+    return connected;
+  }
   if (!SendAllBytes(socket, BuildHttpRequest(method, path, body, address))) {
     return ExchangeResult::kBrokenAnswer;
   }
@@ -31,7 +50,10 @@ ExchangeResult Exchange(const ClientAddress& address, std::string_view method,
 
 ExchangeResult OpenStream(const ClientAddress& address, std::string_view method,
                           std::string_view path, std::string_view body, AnswerStream& stream) {
-  if (!ConnectTo(address, stream.socket)) return ExchangeResult::kNoHelper;
+  if (const ExchangeResult connected = Connect(address, stream.socket, stream.head.strangerUid);
+      connected != ExchangeResult::kAnswered) {
+    return connected;
+  }
   if (!SendAllBytes(stream.socket, BuildHttpRequest(method, path, body, address))) {
     return ExchangeResult::kBrokenAnswer;
   }

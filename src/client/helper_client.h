@@ -14,12 +14,16 @@
 namespace orvel::client {
 
 enum class ExchangeResult {
-  kAnswered,     // an HTTP answer arrived whole (any status)
-  kNoHelper,     // nothing accepted the connection
-  kBrokenAnswer  // not HTTP, cut short, or silent past the time-out
+  kAnswered,        // an HTTP answer arrived whole (any status)
+  kNoHelper,        // nothing accepted the connection
+  kBrokenAnswer,    // not HTTP, cut short, or silent past the time-out
+  kStrangerHolder,  // another account listens on the port; nothing was sent
+  kUnknownHolder    // who listens could not be told; nothing was sent
 };
 
-// Connects, sends the request and reads until the helper closes.
+// Connects (to a listener of root's or the caller's only, see
+// ConnectToTrustedListener), sends the request and reads until the helper
+// closes. kStrangerHolder sets answer.strangerUid.
 ExchangeResult Exchange(const ClientAddress& address, std::string_view method,
                         std::string_view path, std::string_view body, HttpAnswer& answer,
                         int timeoutMs = 30000);
@@ -33,7 +37,8 @@ struct AnswerStream {
   LineReader lines;
 };
 
-// Connects and sends the request; kAnswered means "sent, ready to read".
+// Connects as Exchange does (kStrangerHolder sets head.strangerUid) and sends
+// the request; kAnswered means "sent, ready to read".
 ExchangeResult OpenStream(const ClientAddress& address, std::string_view method,
                           std::string_view path, std::string_view body, AnswerStream& stream);
 

@@ -38,6 +38,9 @@ struct HttpAnswer {
   bool hasLength = false;
   std::uint64_t contentLength = 0;
   std::string body;
+  // Not from the answer: the account that held the port when no request
+  // was sent (ExchangeResult::kStrangerHolder).
+  std::uint32_t strangerUid = 0;
 };
 
 enum class HeadState { kIncomplete, kComplete, kMalformed };

@@ -56,6 +56,25 @@ std::size_t FindLongestOverlap(std::string_view text, std::string_view pattern) 
 
 }  // namespace
 
+std::string EscapeForTerminal(std::string_view text, bool keepLineEnds) {
+  static const char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    const bool lineEnd =
+        byte == '\n' || (byte == '\r' && i + 1 < text.size() && text[i + 1] == '\n');
+    if ((byte >= 0x20 && byte != 0x7F) || (keepLineEnds && lineEnd)) {
+      out += text[i];
+    } else {
+      out += "\\x";
+      out += kHex[byte >> 4];
+      out += kHex[byte & 0xF];
+    }
+  }
+  return out;
+}
+
 std::string FormatBytes(std::int64_t bytes) {
   static const char* const kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
   const bool negative = bytes < 0;
@@ -138,9 +157,11 @@ std::string FormatSnapshot(const SnapshotView& view) {
   out += std::to_string(view.endpointCount) + " endpoints in " +
          std::to_string(view.processes.size()) + " processes\n";
   for (const ProcessEndpoints& process : view.processes) {
-    out += "  " + process.processName + " (" + std::to_string(process.endpoints.size()) + ")\n";
+    out += "  " + EscapeForTerminal(process.processName, false) + " (" +
+           std::to_string(process.endpoints.size()) + ")\n";
     for (const Endpoint& endpoint : process.endpoints) {
-      out += "    " + PadRight(endpoint.method, 6) + endpoint.host + "\n";
+      out += "    " + PadRight(EscapeForTerminal(endpoint.method, false), 6) +
+             EscapeForTerminal(endpoint.host, false) + "\n";
     }
   }
   return out;
@@ -166,13 +187,17 @@ std::string FormatUrlTestProgress(const std::vector<client::UrlTestResult>& resu
   std::string out = std::to_string(results.size()) + "/" + std::to_string(total) + " done, " +
                     std::to_string(failed) + " failed";
   if (fastest != nullptr) {
-    out += ", fastest " + fastest->nodeTag + " (" + FormatDelay(fastest->delayMs) + ")";
+    out += ", fastest " + EscapeForTerminal(fastest->nodeTag, false) + " (" +
+           FormatDelay(fastest->delayMs) + ")";
   }
   return out;
 }
 
 std::string FormatUrlTestTable(std::vector<client::UrlTestResult> results, std::size_t total) {
   std::ranges::stable_sort(results, IsFaster);
+  for (client::UrlTestResult& result : results) {
+    result.nodeTag = EscapeForTerminal(result.nodeTag, false);
+  }
   std::size_t tagWidth = 4;
   for (const client::UrlTestResult& result : results) {
     tagWidth = std::max(tagWidth, CountDisplayWidth(result.nodeTag));

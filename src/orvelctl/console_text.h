@@ -14,6 +14,13 @@
 
 namespace orvel::orvelctl {
 
+// Helper text as it may reach a terminal: each byte 0x00-0x1F and 0x7F
+// written as "\xNN" (upper-case hex), so that a core's output, a process name
+// or a node tag can neither move the cursor nor send an escape sequence.
+// `keepLineEnds` keeps "\r\n" and "\n" as line breaks (the log reads one
+// line per event); a lone "\r" is still escaped.
+std::string EscapeForTerminal(std::string_view text, bool keepLineEnds);
+
 // "0 B", "1023 B", "1.0 KiB", "12.3 MiB": binary units, one decimal, rounded
 // down so 1023.99 KiB never shows as "1024.0 KiB".
 std::string FormatBytes(std::int64_t bytes);
@@ -38,13 +45,14 @@ struct SnapshotView {
 
 // The "/traffic-snapshot" document; false when it is not one.
 bool ParseSnapshot(std::string_view document, SnapshotView& view);
-// Rates and totals, then the endpoints grouped by process. Every line ends in
-// "\n".
+// Rates and totals, then the endpoints grouped by process (their text
+// escaped). Every line ends in "\n".
 std::string FormatSnapshot(const SnapshotView& view);
 // One line for output that is not a terminal.
 std::string FormatSnapshotLine(const SnapshotView& view);
 
-// "12/48 done, 2 failed, fastest jp-02 (112 ms)"
+// "12/48 done, 2 failed, fastest jp-02 (112 ms)"; tags escaped here and in
+// the table.
 std::string FormatUrlTestProgress(const std::vector<client::UrlTestResult>& results,
                                   std::size_t total);
 // Sorted by delay, failures (delay 0) last, then by tag; a summary line.

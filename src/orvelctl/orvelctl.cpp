@@ -61,6 +61,8 @@ exit codes:
   5    urltest: the configuration has no proxy outbounds
   6    the helper refused the request (HTTP 403)
   7    an answer the helper does not give (other status, broken, cut short)
+  8    another account's program (not root's, not yours) listens on the
+       address, or its owner cannot be told; nothing was sent
   130  interrupted (Ctrl-C)
 )";
 
@@ -148,18 +150,7 @@ int Fail(int code, std::string_view message) {
 
 // Up to 120 bytes of an answer, control bytes shown as \xNN.
 std::string QuoteExcerpt(std::string_view text) {
-  std::string out;
-  for (char c : text.substr(0, 120)) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte == 0x7F) {
-      static const char kHex[] = "0123456789abcdef";
-      out += "\\x";
-      out += kHex[byte >> 4];
-      out += kHex[byte & 0xF];
-    } else {
-      out += c;
-    }
-  }
+  std::string out = EscapeForTerminal(text.substr(0, 120), false);
   if (text.size() > 120) out += "...";
   return out.empty() ? "(empty)" : "\"" + out + "\"";
 }
@@ -178,16 +169,27 @@ int FailUnexpected(const ClientAddress& address, std::string_view request, std::
 int CheckAnswer(ExchangeResult result, const HttpAnswer& answer, const ClientAddress& address,
                 std::string_view request) {
   if (result == ExchangeResult::kNoHelper) return FailNoHelper(address);
+  if (result == ExchangeResult::kStrangerHolder) {
+    return Fail(kExitPortTaken, address.text + " is held by uid " +
+                                    std::to_string(answer.strangerUid) +
+                                    ", not by the helper or the service; nothing was sent");
+  }
+  if (result == ExchangeResult::kUnknownHolder) {
+    return Fail(kExitPortTaken, "cannot tell who listens on " + address.text +
+                                    " (the kernel's socket table could not be read); "
+                                    "nothing was sent");
+  }
   if (result == ExchangeResult::kBrokenAnswer) {
     return FailUnexpected(address, request, "no complete HTTP answer");
   }
   if (answer.status == 403) {
     return Fail(kExitRefused, "the helper on " + address.text + " refused " + std::string(request) +
-                                  " (403 " + answer.reason + ")");
+                                  " (403 " + EscapeForTerminal(answer.reason, false) + ")");
   }
   if (answer.status != 200) {
-    return FailUnexpected(address, request,
-                          "HTTP " + std::to_string(answer.status) + " " + answer.reason);
+    return FailUnexpected(
+        address, request,
+        "HTTP " + std::to_string(answer.status) + " " + EscapeForTerminal(answer.reason, false));
   }
   return kExitOk;
 }
@@ -231,7 +233,7 @@ int RunStatusRequest(const ClientAddress& address, std::string_view method, std:
     return FailUnexpected(address, std::string(method) + " " + std::string(path),
                           QuoteExcerpt(answer.body));
   }
-  Out(status.status + ": " + status.message + "\n");
+  Out(status.status + ": " + EscapeForTerminal(status.message, false) + "\n");
   if (status.status == "connected" || disconnectedIsDone) return kExitOk;
   return kExitDisconnected;
 }
@@ -262,10 +264,10 @@ int RunLogs(const ClientAddress& address, bool follow) {
       return code;
     }
     if (!follow) {
-      Out(answer.body);
+      Out(EscapeForTerminal(answer.body, true));
       return kExitOk;
     }
-    Out(NewLogText(previous, answer.body));
+    Out(EscapeForTerminal(NewLogText(previous, answer.body), true));
     previous = std::move(answer.body);
     if (WaitOrInterrupt(1000)) return kExitInterrupted;
   }
@@ -292,7 +294,7 @@ int RunSnapshot(const ClientAddress& address, const Options& options) {
       return FailUnexpected(address, "GET /traffic-snapshot", QuoteExcerpt(answer.body));
     }
     if (options.json) {
-      Out(answer.body + "\n");
+      Out(EscapeForTerminal(answer.body, false) + "\n");
     } else if (!options.watch) {
       Out(FormatSnapshot(view));
     } else if (!terminal) {
@@ -345,9 +347,11 @@ int RunUrlTest(const ClientAddress& address, const Options& options) {
   const ExchangeResult opened = client::OpenStream(
       address, "POST", "/urltest",
       client::BuildUrlTestRequestBody(requestId, options.url, tags, config), stream);
-  if (opened == ExchangeResult::kNoHelper) return FailNoHelper(address);
-  if (opened != ExchangeResult::kAnswered) {
+  if (opened == ExchangeResult::kBrokenAnswer) {
     return FailUnexpected(address, request, "the connection broke while sending");
+  }
+  if (opened != ExchangeResult::kAnswered) {
+    return CheckAnswer(opened, stream.head, address, request);
   }
 
   const bool progress = StdoutIsTerminal() && !options.json;
@@ -387,7 +391,7 @@ int RunUrlTest(const ClientAddress& address, const Options& options) {
         fault = "not a result line: " + QuoteExcerpt(line);
         break;
       }
-      if (options.json) Out(line + "\n");
+      if (options.json) Out(EscapeForTerminal(line, false) + "\n");
       results.push_back(std::move(result));
       if (progress) Out("\r\x1b[K" + FormatUrlTestProgress(results, tags.size()));
     }

@@ -14,6 +14,7 @@ constexpr int kExitBadConfig = 4;      // the configuration cannot be read or is
 constexpr int kExitNoNodes = 5;        // urltest: no proxy outbound to test
 constexpr int kExitRefused = 6;        // the helper refused the request (403)
 constexpr int kExitUnexpected = 7;     // an answer that is not what the helper sends
+constexpr int kExitPortTaken = 8;      // another account listens there: nothing was sent
 constexpr int kExitInterrupted = 130;  // Ctrl-C
 
 // The whole program; `args` are the arguments after the program name, UTF-8.

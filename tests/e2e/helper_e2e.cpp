@@ -392,6 +392,9 @@ TEST_F(Helper, OrvelctlPrintsTheHelpersAnswersWithItsExitCodesAndCancelsOnCtrlC)
   // body has a space and control bytes.
   std::thread stranger =
       ServeOneAnswer(17998, "HTTP/1.1 200 OK\r\nContent-Length: 8\r\n\r\npo ng\x01\x7F~");
+  // And a log whose control bytes must not reach the terminal.
+  std::thread strangeLog =
+      ServeOneAnswer(17997, "HTTP/1.1 200 OK\r\nContent-Length: 13\r\n\r\nA\x1b]0;x\x07\r\nB\rC\n");
   const std::string platform(ThisPlatform().name);
   // Arguments, exit code, stdout and stderr ('*': any bytes).
   const std::tuple<std::vector<std::string>, std::uint32_t, std::string, std::string> steps[] = {
@@ -413,7 +416,8 @@ TEST_F(Helper, OrvelctlPrintsTheHelpersAnswersWithItsExitCodesAndCancelsOnCtrlC)
       {{"--address", "127.0.0.1:17998", "ping"},
        7,
        "",
-       "orvelctl: unexpected answer from 127.0.0.1:17998 to GET /ping: \"po ng\\x01\\x7f~\"\n"},
+       "orvelctl: unexpected answer from 127.0.0.1:17998 to GET /ping: \"po ng\\x01\\x7F~\"\n"},
+      {{"--address", "127.0.0.1:17997", "logs"}, 0, "A\\x1B]0;x\\x07\r\nB\\x0DC\n", ""},
       {{"stop"}, 0, "disconnected: " + std::string(ThisPlatform().disconnected) + "\n", ""},
       // The nodes are the configuration's proxies, the failure last.
       {{"urltest", "--url=http://cp.example.test/", "config.json"},
@@ -438,6 +442,7 @@ TEST_F(Helper, OrvelctlPrintsTheHelpersAnswersWithItsExitCodesAndCancelsOnCtrlC)
         << out << err;
   }
   stranger.join();
+  strangeLog.join();
   EXPECT_EQ(ReadFetchRecords().at(0).at("url"), "http://cp.example.test/");
 
   // Ctrl-C must reach orvelctl only, never the test runner.

@@ -496,6 +496,56 @@ TEST_F(Helper, OnlyItsOwnUsersAreServedAndNoClientHoldsItUp) {
   if (madeGroup) std::system("groupdel orvel-vpn");
 }
 
+// While no helper runs, another account may take its port: orvelctl hands
+// that program nothing (it never even connects), on the helper's own address
+// or on the IPv6 wildcard, which takes IPv4 connections too.
+TEST_F(Helper, OrvelctlSendsNothingToAnotherAccountsListener) {
+  helper.Stop();
+  const Account stranger("orvel-e2e-port");
+  const fs::path config = WorkDirectory() / "stranger.json";
+  ASSERT_TRUE(WriteWholeFile(config, Config()));
+  const std::string refusal = "orvelctl: 127.0.0.1:17891 is held by uid " +
+                              std::to_string(stranger.uid) +
+                              ", not by the helper or the service; nothing was sent\n";
+  for (const auto& [family, where] : {std::pair{AF_INET, "127.0.0.1"}, {AF_INET6, "::"}}) {
+    // A socket belongs to the account that makes it.
+    client::ClientSocket held;
+    ASSERT_EQ(seteuid(stranger.uid), 0);
+    held.handle = socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    ASSERT_EQ(seteuid(0), 0);
+    const int listener = static_cast<int>(held.handle);
+    const int on = 1;  // the helper's closed connections linger in TIME_WAIT
+    setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    sockaddr_in v4{};
+    v4.sin_family = AF_INET;
+    v4.sin_port = htons(kHelperPort);
+    v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in6 v6{};  // on ::
+    v6.sin6_family = AF_INET6;
+    v6.sin6_port = htons(kHelperPort);
+    const bool ipv4 = family == AF_INET;
+    ASSERT_EQ(
+        bind(listener, ipv4 ? reinterpret_cast<sockaddr*>(&v4) : reinterpret_cast<sockaddr*>(&v6),
+             ipv4 ? sizeof(v4) : sizeof(v6)),
+        0)
+        << where;
+    ASSERT_EQ(listen(listener, 8), 0);
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{"start", config.string(), "--tun"}, {"status"}, {"stop"}}) {
+      EXPECT_EQ(RunProgram(BinDirectory() / kOrvelctlFileName, arguments),
+                std::tuple(8u, std::string(), refusal))
+          << where << " " << arguments.at(0);
+    }
+    std::string received;  // "|" for each connection, then its bytes
+    for (int peer; (peer = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+      client::ClientSocket connection;
+      connection.handle = peer;
+      received += "|" + ReadToEnd(connection, nullptr, 100);
+    }
+    EXPECT_EQ(received, "") << where;
+  }
+}
+
 // The systemd unit and the polkit rule land in a throwaway mount namespace,
 // never on this machine; the group and the membership are real (and removed).
 TEST_F(Helper, InstallerWritesTheUnitTheRuleAndTheGroupAndTheServiceTellsSystemd) {

@@ -115,19 +115,22 @@ TEST(ConsoleText, FormatsBytesNodesAndNewLogLinesAndNeedsTheProcessesArray) {
     shown += FormatBytes(bytes) + "|";
   EXPECT_EQ(shown, "0 B|1023 B|1.0 KiB|1.4 KiB|1023.9 KiB|5.5 MiB|-2.0 KiB|7.9 EiB|-8.0 EiB|");
   EXPECT_EQ(FormatRate(2048) + Sparkline({0, 7, 14, 3}), "2.0 KiB/s▁▅█▃");
-  // Sorted by delay, failures last.
-  const std::vector<UrlTestResult> results = {{"b", 300}, {"dead", 0}, {"東京", 120}, {"a", 300}};
+  // Sorted by delay, failures last; a tag's control bytes shown as text.
+  const std::vector<UrlTestResult> results = {
+      {"b", 300}, {"dead\x1b[2J\n", 0}, {"東京", 120}, {"a", 300}};
   EXPECT_EQ(FormatUrlTestProgress(results, 5), "4/5 done, 1 failed, fastest 東京 (120 ms)");
   EXPECT_EQ(FormatUrlTestTable(results, 5),
-            " #  node  delay\n 1  東京    120 ms\n 2  a     300 ms\n 3  b     300 ms\n"
-            " 4  dead  failed\n4 of 5 nodes reported, 1 failed\n");
+            " #  node             delay\n 1  東京               120 ms\n"
+            " 2  a                300 ms\n 3  b                300 ms\n"
+            " 4  dead\\x1B[2J\\x0A  failed\n4 of 5 nodes reported, 1 failed\n");
   std::string snapshot(kEmptyTrafficSnapshot);
   SnapshotView view;
   EXPECT_TRUE(ParseSnapshot(snapshot, view));
   EXPECT_FALSE(ParseSnapshot(snapshot.replace(snapshot.find("[]"), 2, "{}"), view));
   // Each helper log line printed once as the ring drops old bytes: previous
-  // text, current text, what is new. The front may have been
+  // text, current text, what is shown. The front may have been
   // dropped; with nothing in common and the ring full, it starts inside a line.
+  // Control bytes are shown as text, all but the line ends.
   const std::string full = std::string(kHelperLogCapacity - 6, 'x') + "\r\nL1\r\n";
   const std::array<std::string, 3> cases[] = {
       {"", "A\r\nB\r\n", "A\r\nB\r\n"},
@@ -135,7 +138,8 @@ TEST(ConsoleText, FormatsBytesNodesAndNewLogLinesAndNeedsTheProcessesArray) {
       {"A\r\nB\r\n", "\r\nB\r\nC\r\n", "C\r\n"},
       {"A\r\nA\r\n", "A\r\nA\r\nA\r\n", "A\r\n"},
       {"old\r\n", full, "L1\r\n"},
+      {"A\r\n", "A\r\n\x1b]0;x\x07\r\n\0\r\x7f\n\r"s, "\\x1B]0;x\\x07\r\n\\x00\\x0D\\x7F\n\\x0D"},
   };
   for (const auto& [previous, current, added] : cases)
-    EXPECT_EQ(NewLogText(previous, current), added) << current;
+    EXPECT_EQ(EscapeForTerminal(NewLogText(previous, current), true), added) << current;
 }
