@@ -2,8 +2,8 @@
 
 namespace orvel {
 
-std::optional<std::uint32_t> IdentifyCaller(SocketHandle) { return std::nullopt; }
+CallerIdentity IdentifyCaller(SocketHandle) { return {}; }
 
-bool IsCallerAllowed(std::optional<std::uint32_t>) { return true; }
+bool IsCallerAllowed(const CallerIdentity&) { return true; }
 
 }  // namespace orvel

@@ -2,20 +2,32 @@
 
 #include <algorithm>
 
+#include "log/log_buffer.h"
+
 namespace orvel {
 
+std::optional<std::uint32_t> LiveSocketOwner(const std::optional<ClientSocketRow>& row) {
+  if (!row || row->inode == 0 || row->state == kTcpTimeWait) return std::nullopt;
+  return row->uid;
+}
+
 bool MayUseHelper(const CallerFacts& facts) {
-  if (!facts.callerUid) return false;
+  if (!facts.callerUid || facts.helperChild) return false;
   if (*facts.callerUid == 0) return true;
   if (!facts.service) return *facts.callerUid == facts.ownUid;
   return facts.serviceGroup && std::find(facts.callerGroups.begin(), facts.callerGroups.end(),
                                          *facts.serviceGroup) != facts.callerGroups.end();
 }
 
-std::string DescribeRefusedCaller(std::optional<std::uint32_t> callerUid) {
-  return "Refused a connection from " +
-         (callerUid ? "uid " + std::to_string(*callerUid) : std::string("an unknown uid")) +
-         ": not allowed to use this helper";
+std::string DescribeRefusedCaller(const CallerIdentity& caller) {
+  std::string who;
+  if (caller.childPid) {
+    who = "pid " + std::to_string(*caller.childPid) + " (" + EscapeControlBytes(caller.childName) +
+          "), a process the helper started";
+  } else {
+    who = caller.uid ? "uid " + std::to_string(*caller.uid) : std::string("an unknown uid");
+  }
+  return "Refused a connection from " + who + ": not allowed to use this helper";
 }
 
 bool AdmitConnection(ConnectionCounts& counts, std::optional<std::uint32_t> uid) {
@@ -28,6 +40,18 @@ bool AdmitConnection(ConnectionCounts& counts, std::optional<std::uint32_t> uid)
   }
   ++counts.total;
   return true;
+}
+
+bool AdmitRefusal(ConnectionCounts& counts) {
+  std::lock_guard<std::mutex> hold(counts.lock);
+  if (counts.refusing >= kMaxRefusalsAnswering) return false;
+  ++counts.refusing;
+  return true;
+}
+
+void ReleaseRefusal(ConnectionCounts& counts) {
+  std::lock_guard<std::mutex> hold(counts.lock);
+  --counts.refusing;
 }
 
 void ReleaseConnection(ConnectionCounts& counts, std::optional<std::uint32_t> uid) {

@@ -13,7 +13,7 @@ namespace orvel {
 
 namespace {
 
-void RespondHeadTooLarge(SocketHandle socket) {
+void RespondTooLarge(SocketHandle socket) {
   SendResponse(socket, "text/plain", "request too large", 413, "Payload Too Large");
 }
 
@@ -32,26 +32,51 @@ std::uint64_t SteadyMs() {
                                         .count());
 }
 
-// Reads the whole request: the head within kRequestDeadlineMs of the accept,
-// the body with no pause longer than that. False when the connection is to be
-// closed without an answer (closed, failed, too slow); a head too large is
+// The request's bytes may not all be buffered: a configuration is
+// kilobytes, and a body announced larger is refused before it is read.
+constexpr std::uint32_t kMaxRequestBodyBytes = 64u * 1024 * 1024;
+
+// Reads the whole request, head and body, within kRequestDeadlineMs of the
+// accept however it is dribbled. False when the connection is to be closed
+// without an answer (closed, failed, too slow); a head or body too large is
 // answered here.
 bool ReadRequest(const AcceptedConnection& connection, RequestFrame& frame) {
   char chunk[kReceiveChunkBytes] = {};
+  const std::uint64_t due = connection.acceptedMs + kRequestDeadlineMs;
   for (;;) {
-    const std::uint64_t headDue = connection.acceptedMs + kRequestDeadlineMs;
     const std::uint64_t now = SteadyMs();
-    const int timeoutMs =
-        frame.headSeen ? kRequestDeadlineMs : static_cast<int>(headDue > now ? headDue - now : 0);
+    const int timeoutMs = static_cast<int>(due > now ? due - now : 0);
     const long received = ReceiveBytesWithin(connection.socket, chunk, sizeof(chunk), timeoutMs);
     if (received <= 0) return false;
     const FrameStatus status =
         FeedRequestBytes(frame, std::string_view(chunk, static_cast<std::size_t>(received)));
-    if (status == FrameStatus::kHeadTooLarge) {
-      RespondHeadTooLarge(connection.socket);
+    if (status == FrameStatus::kHeadTooLarge ||
+        (frame.headSeen && frame.contentLength > kMaxRequestBodyBytes)) {
+      RespondTooLarge(connection.socket);
       return false;
     }
     if (status == FrameStatus::kComplete) return true;
+  }
+}
+
+// The answer goes out at once, then the end of our side; what the client has
+// sent meanwhile is read and dropped, a little and briefly, so that closing on
+// unread bytes does not reset the connection before the answer is read.
+void RefuseCaller(const AcceptedConnection& connection) {
+  constexpr int kDrainMs = 1000;
+  constexpr std::size_t kDrainBytes = 65536;
+  HelperLog().Append(DescribeRefusedCaller(connection.caller));
+  RespondForbidden(connection.socket);
+  ShutdownSending(connection.socket);
+  char chunk[kReceiveChunkBytes];
+  const std::uint64_t due = SteadyMs() + kDrainMs;
+  for (std::size_t drained = 0; drained < kDrainBytes;) {
+    const std::uint64_t now = SteadyMs();
+    if (now >= due) break;
+    const long received =
+        ReceiveBytesWithin(connection.socket, chunk, sizeof(chunk), static_cast<int>(due - now));
+    if (received <= 0) break;
+    drained += static_cast<std::size_t>(received);
   }
 }
 
@@ -59,13 +84,6 @@ void ServeRequest(const AcceptedConnection& connection) {
   const SocketHandle socket = connection.socket;
   RequestFrame frame;
   if (!ReadRequest(connection, frame)) return;
-  // After the whole request is in, so that the refusal is read by the client
-  // rather than lost to a reset; before any route runs.
-  if (!IsCallerAllowed(connection.caller)) {
-    HelperLog().Append(DescribeRefusedCaller(connection.caller));
-    RespondForbidden(socket);
-    return;
-  }
   const HttpRequest request = FinishRequest(frame);
   const HeadRefusal refusal =
       FindHeadRefusal(std::string_view(frame.buffer).substr(0, frame.headerEnd));
@@ -92,7 +110,16 @@ bool AdmitAcceptedConnection(SocketHandle socket, AcceptedConnection& connection
   connection.socket = socket;
   connection.acceptedMs = SteadyMs();
   connection.caller = IdentifyCaller(socket);
-  if (AdmitConnection(Counts(), connection.caller)) return true;
+  connection.allowed = IsCallerAllowed(connection.caller);
+  // A refused caller holds nothing that others need: it is answered apart
+  // from the limits, and beyond a few at once closed unanswered (and not
+  // counted for the log, which it could otherwise keep busy).
+  if (!connection.allowed) {
+    if (AdmitRefusal(Counts())) return true;
+    CloseSocket(socket);
+    return false;
+  }
+  if (AdmitConnection(Counts(), connection.caller.uid)) return true;
   CloseSocket(socket);
   const std::string line = CountClosedOverLimit(Counts(), connection.acceptedMs);
   if (!line.empty()) HelperLog().Append(line);
@@ -101,11 +128,19 @@ bool AdmitAcceptedConnection(SocketHandle socket, AcceptedConnection& connection
 
 void DropConnection(const AcceptedConnection& connection) {
   CloseSocket(connection.socket);
-  ReleaseConnection(Counts(), connection.caller);
+  if (connection.allowed) {
+    ReleaseConnection(Counts(), connection.caller.uid);
+  } else {
+    ReleaseRefusal(Counts());
+  }
 }
 
 void HandleConnection(const AcceptedConnection& connection) {
-  ServeRequest(connection);
+  if (connection.allowed) {
+    ServeRequest(connection);
+  } else {
+    RefuseCaller(connection);
+  }
   DropConnection(connection);
 }
 

@@ -1,6 +1,7 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -37,38 +38,78 @@ bool StartConnectionThread(const AcceptedConnection& connection) {
   return started;
 }
 
+// A listening socket on the loopback address of `family`, or -1 with errno
+// set. Close-on-exec from its creation, as is every accepted socket: a core
+// started later must not keep port 17891 bound, nor hold a client's
+// connection open after its answer.
+int ListenOnLoopback(int family) {
+  const int listener = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (listener < 0) return -1;
+  const int on = 1;
+  setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  sockaddr_storage address{};
+  socklen_t length = 0;
+  if (family == AF_INET) {
+    auto& v4 = reinterpret_cast<sockaddr_in&>(address);
+    v4.sin_family = AF_INET;
+    v4.sin_port = htons(kControlPort);
+    v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    length = sizeof(v4);
+  } else {
+    // [::1] only: never the IPv4 addresses through a mapped socket.
+    setsockopt(listener, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof(on));
+    auto& v6 = reinterpret_cast<sockaddr_in6&>(address);
+    v6.sin6_family = AF_INET6;
+    v6.sin6_port = htons(kControlPort);
+    v6.sin6_addr = in6addr_loopback;
+    length = sizeof(v6);
+  }
+  if (bind(listener, reinterpret_cast<const sockaddr*>(&address), length) != 0 ||
+      listen(listener, SOMAXCONN) != 0) {
+    const int error = errno;
+    close(listener);
+    errno = error;
+    return -1;
+  }
+  return listener;
+}
+
+void AcceptOne(int listener) {
+  const int client = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+  if (client < 0) {
+    // Out of descriptors or memory: a pause, not a spin.
+    if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) usleep(10000);
+    return;
+  }
+  AcceptedConnection connection;
+  if (!AdmitAcceptedConnection(static_cast<SocketHandle>(client), connection)) return;
+  // No thread, no answer: the connection is closed rather than the helper ended.
+  if (!StartConnectionThread(connection)) DropConnection(connection);
+}
+
 }  // namespace
 
 int RunControlServer(void (*listening)()) {
   HelperLog().Append("OrvelVpnHelper started");
-  // Close-on-exec from its creation, as is every accepted socket: a core
-  // started later must not keep port 17891 bound, nor hold a client's
-  // connection open after its answer.
-  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (listener < 0) return 1;
-  const int reuse = 1;
-  setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof(reuse));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(kControlPort);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
-      listen(listener, SOMAXCONN) != 0) {
-    close(listener);
-    return 1;
+  // Both loopbacks are the helper's: a client that dials "localhost" may try
+  // [::1] first, and whoever held that port would get its configuration.
+  pollfd listeners[2] = {{ListenOnLoopback(AF_INET), POLLIN, 0}, {-1, POLLIN, 0}};
+  if (listeners[0].fd < 0) return 1;
+  listeners[1].fd = ListenOnLoopback(AF_INET6);
+  if (listeners[1].fd < 0) {
+    // Taken by someone else: the same as IPv4 taken. Otherwise IPv6 is off.
+    if (errno == EADDRINUSE) {
+      close(listeners[0].fd);
+      return 1;
+    }
+    HelperLog().Append("IPv6 loopback [::1]:17891 not available, serving 127.0.0.1 only");
   }
   if (listening != nullptr) listening();
   for (;;) {
-    const int client = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    if (client < 0) {
-      // Out of descriptors or memory: a pause, not a spin.
-      if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) usleep(10000);
-      continue;
+    if (poll(listeners, listeners[1].fd < 0 ? 1 : 2, -1) < 0) continue;
+    for (const pollfd& listener : listeners) {
+      if (listener.fd >= 0 && (listener.revents & POLLIN) != 0) AcceptOne(listener.fd);
     }
-    AcceptedConnection connection;
-    if (!AdmitAcceptedConnection(static_cast<SocketHandle>(client), connection)) continue;
-    // No thread, no answer: the connection is closed rather than the helper ended.
-    if (!StartConnectionThread(connection)) DropConnection(connection);
   }
 }
 

@@ -18,6 +18,9 @@ long ReceiveBytesWithin(SocketHandle socket, char* buffer, std::size_t size, int
 
 void CloseSocket(SocketHandle socket);
 
+// Sends the end of the stream (FIN) while the socket can still be read.
+void ShutdownSending(SocketHandle socket);
+
 // One send call with the whole text; the result is ignored and a partial send
 // is not continued (answers are small and the client reads to end-of-stream).
 void SendBytes(SocketHandle socket, std::string_view bytes);

@@ -25,6 +25,8 @@ long ReceiveBytesWithin(SocketHandle socket, char* buffer, std::size_t size, int
   }
 }
 
+void ShutdownSending(SocketHandle socket) { shutdown(static_cast<int>(socket), SHUT_WR); }
+
 void CloseSocket(SocketHandle socket) { close(static_cast<int>(socket)); }
 
 }  // namespace orvel

@@ -24,6 +24,8 @@ long ReceiveBytesWithin(SocketHandle socket, char* buffer, std::size_t size, int
   return recv(static_cast<SOCKET>(socket), buffer, length, 0);
 }
 
+void ShutdownSending(SocketHandle socket) { shutdown(static_cast<SOCKET>(socket), SD_SEND); }
+
 void CloseSocket(SocketHandle socket) { closesocket(static_cast<SOCKET>(socket)); }
 
 }  // namespace orvel

@@ -10,6 +10,7 @@
 #include "core/run_mode.h"
 #include "log/log_buffer.h"
 #include "sysproxy/system_proxy.h"
+#include "traffic/core_stats_client.h"
 #include "traffic/traffic_reader.h"
 
 namespace orvel {
@@ -64,6 +65,9 @@ bool WriteConfigAndStartCore(const std::string& body, std::string& answer) {
     answer = Disconnected(errorMessage);
     return false;
   }
+  // The controller's secret, if the configuration sets one, goes with every
+  // request the snapshot and the reader make.
+  SetControllerSecret(FindControllerSecret(body));
   // Ends by itself with this core, whoever stops it or however it dies.
   StartTrafficReader();
   return true;

@@ -1,3 +1,5 @@
+#include <malloc.h>
+
 #include <cstring>
 #include <string_view>
 
@@ -9,6 +11,10 @@
 #include "sysproxy/system_proxy.h"
 
 int main(int argc, char** argv) {
+  // Every request buffer over 256 KiB is mapped on its own and unmapped when
+  // freed. With glibc's default the threshold climbs after each large free,
+  // so a caller's megabyte bodies would stay resident in the heap for good.
+  mallopt(M_MMAP_THRESHOLD, 256 * 1024);
   bool service = false;
   for (int i = 1; i < argc; ++i) {
     // A plain substring search, as on Windows: "--install-service" anywhere

@@ -14,6 +14,23 @@ void AppendPadded(std::string& out, int value, int width) {
 
 }  // namespace
 
+std::string EscapeControlBytes(std::string_view text) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  out.reserve(text.size());
+  for (const char c : text) {
+    const unsigned char byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7F) {
+      out += "\\x";
+      out += kHex[byte >> 4];
+      out += kHex[byte & 0xF];
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
+
 std::string FormatLogLine(const LocalTime& time, std::string_view message) {
   std::string line;
   line.reserve(24 + std::min(message.size(), kMaxLogMessageBytes) + 5);
@@ -30,10 +47,19 @@ std::string FormatLogLine(const LocalTime& time, std::string_view message) {
   line += ':';
   AppendPadded(line, time.second, 2);
   line += "] ";
-  if (message.size() <= kMaxLogMessageBytes) {
-    line += message;
-  } else {
-    line += message.substr(0, kMaxLogMessageBytes);
+  // Escaped a byte at a time and only as far as the cut: a message may be a
+  // caller's megabytes, and every control byte would grow fourfold.
+  const std::size_t start = line.size();
+  for (std::size_t i = 0; i < message.size(); ++i) {
+    if (line.size() - start >= kMaxLogMessageBytes) {
+      line.resize(start + kMaxLogMessageBytes);
+      line += "...";
+      break;
+    }
+    line += EscapeControlBytes(message.substr(i, 1));
+  }
+  if (line.size() - start > kMaxLogMessageBytes) {
+    line.resize(start + kMaxLogMessageBytes);
     line += "...";
   }
   line += "\r\n";

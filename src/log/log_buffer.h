@@ -19,10 +19,16 @@ struct LocalTime {
   int second = 0;
 };
 
+// `text` with each control byte (0x00 to 0x1F and 0x7F) written as "\xNN"
+// (upper-case hex), so that caller text can neither start a line of its own
+// nor reach a terminal as an escape sequence.
+std::string EscapeControlBytes(std::string_view text);
+
 // Reads the wall clock in local time (platform file).
 LocalTime ReadLocalTime();
 
-// "[YYYY-MM-DD hh:mm:ss] " + message (cut to 1200 bytes plus "...") + "\r\n".
+// "[YYYY-MM-DD hh:mm:ss] " + message (control bytes escaped, then cut to 1200
+// bytes plus "...") + "\r\n": one event is always one line.
 std::string FormatLogLine(const LocalTime& time, std::string_view message);
 
 // The helper's only diagnostic log: the most recent 64 KiB of lines, in memory.

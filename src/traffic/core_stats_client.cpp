@@ -1,5 +1,8 @@
 #include "traffic/core_stats_client.h"
 
+#include <mutex>
+#include <nlohmann/json.hpp>
+
 #include "api/number_text.h"
 
 namespace orvel {
@@ -67,6 +70,42 @@ bool TakeLatestTrafficSample(std::string& pending, std::string& sample) {
   }
   pending.erase(0, lastEnd + 1);
   return found;
+}
+
+namespace {
+
+std::mutex secretLock;
+std::string controllerSecret;
+
+}  // namespace
+
+std::string FindControllerSecret(std::string_view config) {
+  const nlohmann::json parsed = nlohmann::json::parse(config, nullptr, false, true);
+  if (parsed.is_discarded()) return {};
+  const nlohmann::json::json_pointer where("/experimental/clash_api/secret");
+  if (!parsed.contains(where) || !parsed.at(where).is_string()) return {};
+  const std::string secret = parsed.at(where).get<std::string>();
+  for (const char c : secret) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) return {};
+  }
+  return secret;
+}
+
+void SetControllerSecret(std::string secret) {
+  std::lock_guard<std::mutex> hold(secretLock);
+  controllerSecret = std::move(secret);
+}
+
+std::string BuildControllerRequest(std::string_view path) {
+  std::string request = "GET ";
+  request += path;
+  request += " HTTP/1.1\r\nHost: 127.0.0.1\r\n";
+  {
+    std::lock_guard<std::mutex> hold(secretLock);
+    if (!controllerSecret.empty()) request += "Authorization: Bearer " + controllerSecret + "\r\n";
+  }
+  request += "Connection: close\r\n\r\n";
+  return request;
 }
 
 }  // namespace orvel

@@ -35,6 +35,18 @@ bool IsCoreResponseComplete(std::string_view response);
 // kCoreResponseCapBytes without an end, when it is dropped.
 bool TakeLatestTrafficSample(std::string& pending, std::string& sample);
 
+// experimental.clash_api.secret of a configuration: "" when it sets none, is
+// not JSON, or holds a byte that cannot go into a header (a control byte).
+std::string FindControllerSecret(std::string_view config);
+
+// The secret every later controller request carries, taken from the
+// configuration the running core was started with.
+void SetControllerSecret(std::string secret);
+
+// "GET <path> HTTP/1.1", Host, Connection: close, and, when a secret is set,
+// "Authorization: Bearer <secret>".
+std::string BuildControllerRequest(std::string_view path);
+
 // GETs `path` from 127.0.0.1:`port` with `timeoutMs` as both the receive and
 // the send time-out, and as the bound of the connect.
 // `response` is cleared once the request has gone out and then receives the

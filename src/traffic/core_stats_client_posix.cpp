@@ -38,9 +38,7 @@ bool LocalHttpGet(std::uint16_t port, std::string_view path, std::uint32_t timeo
   const int timeout = static_cast<int>(timeoutMs);
   const int s = ConnectController(port, timeout, -1);
   if (s < 0) return false;
-  std::string request = "GET ";
-  request += path;
-  request += " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n";
+  const std::string request = BuildControllerRequest(path);
   // A few dozen bytes into an empty send buffer: taken whole or not at all.
   if (send(s, request.data(), request.size(), MSG_NOSIGNAL) !=
       static_cast<ssize_t>(request.size())) {

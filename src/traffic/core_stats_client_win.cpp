@@ -69,9 +69,7 @@ bool LocalHttpGet(std::uint16_t port, std::string_view path, std::uint32_t timeo
   setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&timeout), sizeof(timeout));
   setsockopt(s, SOL_SOCKET, SO_SNDTIMEO, reinterpret_cast<const char*>(&timeout), sizeof(timeout));
 
-  std::string request = "GET ";
-  request += path;
-  request += " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n";
+  const std::string request = BuildControllerRequest(path);
   if (send(s, request.data(), static_cast<int>(request.size()), 0) == SOCKET_ERROR) {
     closesocket(s);
     return false;

@@ -10,6 +10,10 @@ namespace orvel {
 bool QuerySockDiag(const inet_diag_req_v2& request, bool dump, const KernelRowSink& sink) {
   const int diag = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
   if (diag < 0) return false;
+  // The kernel answers at once; the bound keeps a caller's identity look-up
+  // (on the accepting thread) from ever waiting long.
+  const timeval bound{1, 0};
+  setsockopt(diag, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof(bound));
   struct {
     nlmsghdr header;
     inet_diag_req_v2 request;

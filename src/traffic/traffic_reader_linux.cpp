@@ -23,10 +23,9 @@ namespace {
 bool ReadStreamOnce(int core, std::uint64_t generation) {
   const int s = ConnectController(kCoreApiPort, static_cast<int>(kCoreApiTimeoutMs), core);
   if (s < 0) return false;
-  static constexpr char kRequest[] =
-      "GET /traffic HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n";
-  bool open = send(s, kRequest, sizeof(kRequest) - 1, MSG_NOSIGNAL) ==
-              static_cast<ssize_t>(sizeof(kRequest) - 1);
+  const std::string request = BuildControllerRequest("/traffic");
+  bool open =
+      send(s, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size());
   bool sampled = false;
   std::string pending;
   std::string sample;

@@ -24,10 +24,9 @@ bool ReadStreamOnce(HANDLE core, std::uint64_t generation) {
   if (ready.Valid() && ConnectController(s, kCoreApiPort, ready.h, kCoreApiTimeoutMs, core)) {
     // The request is a few dozen bytes into an empty send buffer: a
     // non-blocking send takes it whole or fails, and a failure means retry.
-    static constexpr char kRequest[] =
-        "GET /traffic HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n";
-    const int requestBytes = static_cast<int>(sizeof(kRequest) - 1);
-    bool open = send(s, kRequest, requestBytes, 0) == requestBytes;
+    const std::string request = BuildControllerRequest("/traffic");
+    const int requestBytes = static_cast<int>(request.size());
+    bool open = send(s, request.data(), requestBytes, 0) == requestBytes;
     std::string pending;
     std::string sample;
     char chunk[kCoreReceiveChunkBytes];

@@ -5,6 +5,9 @@
 // processes running under each id. One lock guards both tables and is held
 // for the table operations only (never while terminating, waiting or logging).
 // Request ids are compared byte for byte; an empty id never matches anything.
+//
+// A cancel for an id that no running test has is kept only a while: any
+// local caller may send one, and each would otherwise stay for good.
 
 #include <cstdint>
 #include <string>
@@ -21,9 +24,21 @@ using TestProcessHandle = std::intptr_t;
 constexpr std::string_view kCancelAnswerCanceled = "{\"status\":\"canceled\"}";
 constexpr std::string_view kCancelAnswerIgnored = "{\"status\":\"ignored\"}";
 
-bool IsUrlTestCanceled(std::string_view requestId);
-// Drops the id's cancel mark and process list (a test with this id starts or ends).
-void ResetUrlTest(std::string_view requestId);
+// Marks of ids without a running test: at most this many (the oldest goes
+// first), each for at most this long, and only for ids up to this length.
+constexpr std::size_t kMaxWaitingCancels = 64;
+constexpr std::uint64_t kWaitingCancelMs = 60000;
+constexpr std::size_t kMaxWaitingCancelIdBytes = 128;
+
+// Milliseconds of the steady clock, the registry's time unless a test gives one.
+std::uint64_t SteadyNowMs();
+
+bool IsUrlTestCanceled(std::string_view requestId, std::uint64_t nowMs = SteadyNowMs());
+// A test with this id starts or ends: its cancel mark and process list are
+// dropped (only a cancel that arrives from now on counts for it), and it is
+// counted among the running tests until it ends.
+void BeginUrlTest(std::string_view requestId);
+void EndUrlTest(std::string_view requestId);
 void RegisterTestProcess(std::string_view requestId, TestProcessHandle process);
 // Removes every occurrence of `process`; the id's entry goes with its last process.
 void UnregisterTestProcess(std::string_view requestId, TestProcessHandle process);
@@ -33,7 +48,8 @@ void UnregisterTestProcess(std::string_view requestId, TestProcessHandle process
 // its handle as soon as the lock is released, so `keep` is where the caller
 // takes a copy that stays valid (a duplicate); it may return 0.
 std::vector<TestProcessHandle> MarkUrlTestCanceled(std::string_view requestId,
-                                                   TestProcessHandle (*keep)(TestProcessHandle));
+                                                   TestProcessHandle (*keep)(TestProcessHandle),
+                                                   std::uint64_t nowMs = SteadyNowMs());
 
 // "/cancel-urltest": the whole body is the request id, nothing trimmed.
 // Terminates the id's processes with exit code 1 and logs the count.

@@ -110,7 +110,7 @@ void HandleUrlTest(SocketHandle socket, const std::string& body) {
     return;
   }
   // Only a cancel that arrives from now on counts for this test.
-  ResetUrlTest(request.requestId);
+  BeginUrlTest(request.requestId);
   const std::string nodeCount = std::to_string(request.nodeTags.size());
   HelperLog().Append("URLTest stream started for " + nodeCount +
                      " nodes, requestId=" + request.requestId);
@@ -123,7 +123,7 @@ void HandleUrlTest(SocketHandle socket, const std::string& body) {
 
   std::error_code ignored;
   std::filesystem::remove(session.configPath, ignored);
-  ResetUrlTest(request.requestId);
+  EndUrlTest(request.requestId);
   HelperLog().Append("URLTest stream completed for " + nodeCount + " nodes");
 }
 

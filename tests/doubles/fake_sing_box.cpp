@@ -10,6 +10,9 @@
 //   "fatal3"                 three coloured FATAL lines ("\n" ends), exit 1
 //   "silent"                 no output, exit 1
 //   "die-after-N"            as absent for N ms, then exit 1 (N decimal)
+//   "relay-N"                as absent, and relays every connection to
+//                            127.0.0.1:N on to the helper's port, as the real
+//                            core's mixed inbound does for a CONNECT
 // Every run first records its invocation (DescribeInvocation) in
 // core-run.txt, whatever the behaviour.
 //
@@ -36,6 +39,8 @@
 //                        one sample per "tick" ms; other paths get one
 //                        document with its length, then the close
 //   "silent"             no answer, the connection held until the client closes
+// A "secret" in the configuration is asked for as the real core asks for it
+// ("Authorization: Bearer <secret>"), else 401.
 #include "doubles/fake_sing_box.h"
 
 #include <chrono>
@@ -106,6 +111,14 @@ void Serve(Socket client, ControllerPlan plan) {
   const std::size_t pathStart = request.find(' ') + 1;
   const std::string path = request.substr(pathStart, request.find(' ', pathStart) - pathStart);
   const std::string& mode = plan["mode"];
+  if (!plan["secret"].empty() &&
+      request.find("\r\nAuthorization: Bearer " + plan["secret"] + "\r\n") == std::string::npos) {
+    const std::string refusal = "{\"message\":\"Unauthorized\"}\n";
+    SendText(client, "HTTP/1.1 401 Unauthorized\r\nContent-Length: " +
+                         std::to_string(refusal.size()) + "\r\n\r\n" + refusal);
+    CloseSocket(client);
+    return;
+  }
   const std::string document =
       path == "/traffic" ? "{\"up\":" + plan["up"] + ",\"down\":" + plan["down"] + "}\n"
                          : "{\"connections\":[],\"downloadTotal\":" + plan["downloadTotal"] +
@@ -134,12 +147,13 @@ void StartControllerIfConfigured(const std::string& config) {
   const std::string address = ValueAfter(config, "external_controller", 0, "");
   const std::size_t colon = address.rfind(':');
   if (colon == std::string::npos) return;
-  ControllerPlan plan{{"mode", "stream"},     {"up", "0"},     {"down", "0"}, {"uploadTotal", "0"},
-                      {"downloadTotal", "0"}, {"tick", "1000"}};
+  ControllerPlan plan{{"mode", "stream"},     {"up", "0"},      {"down", "0"}, {"uploadTotal", "0"},
+                      {"downloadTotal", "0"}, {"tick", "1000"}, {"secret", ""}};
   const std::size_t marker = config.find("\"x-test-controller\"");
   for (auto& [key, value] : plan) {
     if (marker != std::string::npos) value = ValueAfter(config, key, marker, value);
   }
+  plan["secret"] = ValueAfter(config, "secret", 0, "");
   const Socket listener =
       Listen(address.substr(0, colon),
              static_cast<unsigned short>(std::atoi(address.c_str() + colon + 1)));
@@ -148,6 +162,37 @@ void StartControllerIfConfigured(const std::string& config) {
     for (;;) {
       const Socket client = Accept(listener);
       if (client != kNoSocket) std::thread(Serve, client, plan).detach();
+    }
+  }).detach();
+}
+
+// Copies one direction until its sender ends it, then passes the end on.
+void Pump(Socket from, Socket to) {
+  char chunk[4096];
+  for (long got; (got = Receive(from, chunk, sizeof(chunk))) > 0;) {
+    if (!SendText(to, std::string(chunk, static_cast<std::size_t>(got)))) break;
+  }
+  ShutdownSend(to);
+}
+
+void Relay(Socket client) {
+  const Socket helper = Connect("127.0.0.1", 17891);
+  if (helper != kNoSocket) {
+    std::thread up(Pump, client, helper);
+    Pump(helper, client);
+    up.join();
+    CloseSocket(helper);
+  }
+  CloseSocket(client);
+}
+
+void StartRelay(unsigned short port) {
+  const Socket listener = Listen("127.0.0.1", port);
+  if (listener == kNoSocket) return;
+  std::thread([listener] {
+    for (;;) {
+      const Socket client = Accept(listener);
+      if (client != kNoSocket) std::thread(Relay, client).detach();
     }
   }).detach();
 }
@@ -179,6 +224,9 @@ int RunCoreMode(const std::vector<std::string>& args) {
   }
   if (behaviour == "silent") return 1;
   StartControllerIfConfigured(config);
+  if (behaviour.starts_with("relay-")) {
+    StartRelay(static_cast<unsigned short>(std::strtoul(behaviour.c_str() + 6, nullptr, 10)));
+  }
   StayingUp();
   if (behaviour.starts_with("die-after-")) {
     SleepMs(std::strtoul(behaviour.c_str() + 10, nullptr, 10));

@@ -40,8 +40,12 @@ void StayingUp();
 // A listening TCP socket on host:port (address reuse on), or kNoSocket.
 Socket Listen(const std::string& host, unsigned short port);
 Socket Accept(Socket listener);
+// A connection to host:port, or kNoSocket.
+Socket Connect(const std::string& host, unsigned short port);
 bool SendText(Socket s, const std::string& bytes);
 long Receive(Socket s, char* buffer, std::size_t size);
 void CloseSocket(Socket s);
+// The end of this side's stream; receiving goes on.
+void ShutdownSend(Socket s);
 
 }  // namespace fake

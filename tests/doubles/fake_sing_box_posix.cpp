@@ -95,6 +95,17 @@ Socket Listen(const std::string& host, unsigned short port) {
   return listener;
 }
 
+Socket Connect(const std::string& host, unsigned short port) {
+  const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in peer{};
+  peer.sin_family = AF_INET;
+  peer.sin_port = htons(port);
+  inet_pton(AF_INET, host.c_str(), &peer.sin_addr);
+  if (connect(s, reinterpret_cast<const sockaddr*>(&peer), sizeof(peer)) == 0) return s;
+  close(s);
+  return kNoSocket;
+}
+
 Socket Accept(Socket listener) {
   const int client = accept4(static_cast<int>(listener), nullptr, nullptr, SOCK_CLOEXEC);
   return client < 0 ? kNoSocket : client;
@@ -110,6 +121,7 @@ long Receive(Socket s, char* buffer, std::size_t size) {
 }
 
 void CloseSocket(Socket s) { close(static_cast<int>(s)); }
+void ShutdownSend(Socket s) { shutdown(static_cast<int>(s), SHUT_WR); }
 
 }  // namespace fake
 

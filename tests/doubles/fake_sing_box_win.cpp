@@ -68,6 +68,19 @@ Socket Listen(const std::string& host, unsigned short port) {
   return static_cast<Socket>(listener);
 }
 
+Socket Connect(const std::string& host, unsigned short port) {
+  SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  sockaddr_in peer{};
+  peer.sin_family = AF_INET;
+  peer.sin_port = htons(port);
+  inet_pton(AF_INET, host.c_str(), &peer.sin_addr);
+  if (connect(s, reinterpret_cast<const sockaddr*>(&peer), sizeof(peer)) == 0) {
+    return static_cast<Socket>(s);
+  }
+  closesocket(s);
+  return kNoSocket;
+}
+
 Socket Accept(Socket listener) {
   const SOCKET client = accept(static_cast<SOCKET>(listener), nullptr, nullptr);
   return client == INVALID_SOCKET ? kNoSocket : static_cast<Socket>(client);
@@ -84,6 +97,7 @@ long Receive(Socket s, char* buffer, std::size_t size) {
 }
 
 void CloseSocket(Socket s) { closesocket(static_cast<SOCKET>(s)); }
+void ShutdownSend(Socket s) { shutdown(static_cast<SOCKET>(s), SD_SEND); }
 
 }  // namespace fake
 

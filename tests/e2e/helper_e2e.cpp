@@ -260,7 +260,8 @@ TEST_F(Helper, UrlTestCancelEndsTheRunningProcessesAndStartsNoMore) {
   const std::string logs = Logs().substr(logMark);
   EXPECT_EQ(logs.find("URLTest cancel requested: \r\n"), std::string::npos);
   std::size_t at = 0;
-  for (const char* line : {"] URLTest cancel requested: cancel-me\n, processes=0\r\n",
+  // The caller's line feed is escaped: one event, one line.
+  for (const char* line : {"] URLTest cancel requested: cancel-me\\x0A, processes=0\r\n",
                            "] URLTest cancel requested: cancel-me, processes=12\r\n",
                            "] URLTest stream completed for 13 nodes\r\n"}) {
     at = logs.find(line, at);
@@ -284,11 +285,15 @@ constexpr std::string_view kReported =
 // A TUN configuration (only the core starts). The double's controller takes
 // the first "up" and "down" after its marker, so `more` may override them;
 // the run-mode marker "x-test-double" is found anywhere.
-std::string ControllerConfig(std::string_view mode, std::string_view more = {}) {
+// `api` goes into clash_api after the address (a secret, which the double
+// then asks for).
+std::string ControllerConfig(std::string_view mode, std::string_view more = {},
+                             std::string_view api = {}) {
   return "{\"inbounds\":[{\"type\":\"tun\",\"tag\":\"tun-in\",\"address\":[\"172.18.0.1/30\"]}],"
          "\"outbounds\":[{\"type\":\"direct\",\"tag\":\"direct\"}],\"experimental\":{\"clash_api\":"
-         "{\"external_controller\":\"127.0.0.1:19090\"}},\"x-test-controller\":{\"mode\":\"" +
-         std::string(mode) + "\"," + std::string(more) +
+         "{\"external_controller\":\"127.0.0.1:19090\"" +
+         std::string(api) + "}},\"x-test-controller\":{\"mode\":\"" + std::string(mode) + "\"," +
+         std::string(more) +
          "\"up\":-7,\"down\":12,\"uploadTotal\":9007199254740993,\"downloadTotal\":456}}";
 }
 
@@ -326,6 +331,7 @@ TEST_F(Helper, TrafficSnapshotFollowsTheControllerAndItsReaderLivesAndDiesWithTh
   EXPECT_EQ(TakeSnapshot(), empty);  // no core: not even the tables are read
   const std::pair<std::string, std::string_view> cases[] = {
       {ControllerConfig("stream"), kReported},
+      {ControllerConfig("stream", {}, ",\"secret\":\"s3 cr3t\""), kReported},  // as a bearer
       {ControllerConfig("silent"), kZeros},  // each read ends at its receive time-out
       // This stream ticks every 100 ms, so its reader holds a fresh sample
       // when the next core starts: that core's snapshots must still carry

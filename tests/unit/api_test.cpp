@@ -97,7 +97,10 @@ TEST(FindHeadRefusal, RefusesWhatOnlyBrowsersAndForeignHostsSend) {
 TEST(LogBuffer, PadsTheTimeCutsLongMessagesAndKeepsTheNewestBytes) {
   const LocalTime time{2025, 3, 7, 9, 5, 1};
   const std::string exact(kMaxLogMessageBytes, 'x');
-  EXPECT_EQ(FormatLogLine(time, "two\nlines"), "[2025-03-07 09:05:01] two\nlines\r\n");
+  EXPECT_EQ(FormatLogLine(time, "two\nlines\r\x1b]0;\x7f"),
+            "[2025-03-07 09:05:01] two\\x0Alines\\x0D\\x1B]0;\\x7F\r\n");
+  EXPECT_EQ(FormatLogLine(time, std::string(1199, 'e') + "\n"),
+            "[2025-03-07 09:05:01] " + std::string(1199, 'e') + "\\...\r\n");
   EXPECT_EQ(FormatLogLine(time, exact), "[2025-03-07 09:05:01] " + exact + "\r\n");
   EXPECT_EQ(FormatLogLine(time, exact + "y"), "[2025-03-07 09:05:01] " + exact + "...\r\n");
   LogBuffer log;
@@ -108,31 +111,48 @@ TEST(LogBuffer, PadsTheTimeCutsLongMessagesAndKeepsTheNewestBytes) {
   EXPECT_TRUE(text.ends_with(FormatLogLine(time, std::string(1000, 'm') + "69")) && text[0] != '[');
 }
 
-TEST(MayUseHelper, RootTheOwnUserOrTheServiceGroup) {
-  // mode (service?), caller, own uid, caller's groups, the service group -> allowed
+TEST(MayUseHelper, RootTheOwnUserOrTheServiceGroupThroughALiveSocketOnly) {
+  // mode (service?), the client end's row (state, inode, uid; none: no row),
+  // held by the helper's child, caller's groups, the service group -> allowed
+  constexpr std::uint8_t kEstablished = 1, kFinWait2 = 5;
   const struct {
     bool service;
-    std::optional<std::uint32_t> caller;
+    std::optional<ClientSocketRow> row;
+    bool child;
     std::vector<std::uint32_t> groups;
     std::optional<std::uint32_t> serviceGroup;
     bool allowed;
   } cases[] = {
-      {false, 1000, {1000}, 990, true},    // its own user
-      {false, 0, {}, std::nullopt, true},  // root, always
-      {false, 1001, {990}, 990, false},    // the group counts for the service only
-      {false, std::nullopt, {}, 990, false},
-      {true, 1001, {1001, 990}, 990, true},
-      {true, 1000, {1000}, 990, false},  // the service's own uid is root's, not the user's
-      {true, 0, {}, std::nullopt, true},
-      {true, 1001, {990}, std::nullopt, false},  // no group installed
-      {true, std::nullopt, {990}, 990, false},
+      {false, ClientSocketRow{kEstablished, 7, 1000}, false, {1000}, 990, true},    // its own user
+      {false, ClientSocketRow{kEstablished, 7, 0}, false, {}, std::nullopt, true},  // root
+      {false, ClientSocketRow{kFinWait2, 7, 1000}, false, {}, 990, true},  // half closed, still
+                                                                           // held
+      {false, ClientSocketRow{kEstablished, 7, 1001}, false, {990}, 990, false},  // group: service
+                                                                                  // only
+      {false, std::nullopt, false, {}, 990, false},
+      // A closing client's row names uid 0 for anyone: orphaned or TIME_WAIT.
+      {false, ClientSocketRow{kFinWait2, 0, 0}, false, {}, 990, false},
+      {true, ClientSocketRow{kTcpTimeWait, 7, 0}, false, {}, 990, false},
+      {true, ClientSocketRow{kEstablished, 0, 0}, false, {}, 990, false},
+      // The core relaying for anyone, whatever account it runs as.
+      {true, ClientSocketRow{kEstablished, 7, 0}, true, {}, 990, false},
+      {false, ClientSocketRow{kEstablished, 7, 1000}, true, {1000}, 990, false},
+      {true, ClientSocketRow{kEstablished, 7, 1001}, false, {1001, 990}, 990, true},
+      {true, ClientSocketRow{kEstablished, 7, 1000}, false, {1000}, 990, false},  // not the user's
+      {true, ClientSocketRow{kEstablished, 7, 0}, false, {}, std::nullopt, true},
+      {true, ClientSocketRow{kEstablished, 7, 1001}, false, {990}, std::nullopt, false},
   };
   for (const auto& c : cases) {
-    const CallerFacts facts{c.service, c.caller, c.service ? 0u : 1000u, c.groups, c.serviceGroup};
-    EXPECT_EQ(MayUseHelper(facts), c.allowed) << c.service << " " << c.caller.value_or(-1);
+    CallerFacts facts{c.service, LiveSocketOwner(c.row), c.service ? 0u : 1000u,
+                      c.groups,  c.serviceGroup,         c.child};
+    EXPECT_EQ(MayUseHelper(facts), c.allowed)
+        << c.service << " " << (c.row ? c.row->uid : -1) << " " << c.child;
   }
-  EXPECT_EQ(DescribeRefusedCaller(1001),
+  EXPECT_EQ(DescribeRefusedCaller({1001, std::nullopt, ""}),
             "Refused a connection from uid 1001: not allowed to use this helper");
+  EXPECT_EQ(DescribeRefusedCaller({0, 4242, "sing-box\x1b]0"}),
+            "Refused a connection from pid 4242 (sing-box\\x1B]0), a process the helper "
+            "started: not allowed to use this helper");
 }
 
 TEST(ConnectionCounts, SixtyFourInAllSixteenPerUserOneLogLineASecond) {
@@ -146,4 +166,9 @@ TEST(ConnectionCounts, SixtyFourInAllSixteenPerUserOneLogLineASecond) {
   EXPECT_EQ(CountClosedOverLimit(counts, 5000), "Connection limit reached: 1 connections closed");
   EXPECT_EQ(CountClosedOverLimit(counts, 5999), "");
   EXPECT_EQ(CountClosedOverLimit(counts, 6000), "Connection limit reached: 2 connections closed");
+  // Refused callers have limits of their own and take nothing from these.
+  for (std::size_t i = 0; i < kMaxRefusalsAnswering; ++i) EXPECT_TRUE(AdmitRefusal(counts));
+  EXPECT_FALSE(AdmitRefusal(counts));
+  ReleaseRefusal(counts);
+  EXPECT_TRUE(AdmitRefusal(counts));
 }

@@ -66,6 +66,27 @@ TEST(IsCoreResponseComplete, EndsByDeclaredLengthOrFirstSample) {
   EXPECT_EQ(read, "1111111110000000000");
 }
 
+TEST(BuildControllerRequest, CarriesTheConfigurationsSecretAsABearer) {
+  // configuration -> the secret taken from it
+  const std::pair<std::string_view, std::string_view> cases[] = {
+      {R"({"experimental":{"clash_api":{"secret":"s3 cr3t"}}})", "s3 cr3t"},
+      {"{\"experimental\": // comment\n{\"clash_api\":{\"secret\":\"\\u00e9\"}}}", "\xC3\xA9"},
+      {R"({"clash_api":{"secret":"top-level is not it"}})", ""},
+      {R"({"experimental":{"clash_api":{"secret":7}}})", ""},
+      {R"({"experimental":{"clash_api":{"secret":"a\r\nX-Injected: 1"}}})", ""},
+      {R"({"experimental":{"clash_api":{"secret":"unterminated)", ""},
+  };
+  for (const auto& [config, secret] : cases)
+    EXPECT_EQ(FindControllerSecret(config), secret) << config;
+  SetControllerSecret("s3 cr3t");
+  EXPECT_EQ(BuildControllerRequest("/traffic"),
+            "GET /traffic HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: Bearer s3 cr3t\r\n"
+            "Connection: close\r\n\r\n");
+  SetControllerSecret("");
+  EXPECT_EQ(BuildControllerRequest("/connections"),
+            "GET /connections HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n");
+}
+
 TEST(TakeLatestTrafficSample, KeepsTheLastWholeSampleOfEachReceive) {
   // Receives in the order a kept-open stream delivers them, and what the
   // caller holds after each: "found|sample|pending".

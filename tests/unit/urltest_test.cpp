@@ -126,8 +126,30 @@ TEST(UrlTestRegistry, CancelMarksAndReturnsTheRunningProcesses) {
   EXPECT_EQ(MarkUrlTestCanceled("reg-a", Same), (Handles{Token(3)}));
   UnregisterTestProcess("reg-a", Token(3));
   EXPECT_TRUE(MarkUrlTestCanceled("reg-a", Same).empty());
-  for (std::string_view id : {"reg-a", "reg-b"}) ResetUrlTest(id);
+  for (std::string_view id : {"reg-a", "reg-b"}) EndUrlTest(id);
   EXPECT_FALSE(IsUrlTestCanceled("reg-a") || IsUrlTestCanceled("reg-b"));
   EXPECT_TRUE(MarkUrlTestCanceled("reg-b", Same).empty());
-  ResetUrlTest("reg-b");
+  EndUrlTest("reg-b");
+}
+
+TEST(UrlTestRegistry, CancelsOfIdsWithoutARunningTestAreBounded) {
+  // Too long to be kept, unless its test runs.
+  const std::string longId(kMaxWaitingCancelIdBytes + 1, 'x');
+  MarkUrlTestCanceled(longId, Same, 1000);
+  EXPECT_FALSE(IsUrlTestCanceled(longId, 1000));
+  BeginUrlTest(longId);
+  MarkUrlTestCanceled(longId, Same, 1000);
+  EXPECT_TRUE(IsUrlTestCanceled(longId, 1000 + kWaitingCancelMs * 10));  // for the test's life
+  EndUrlTest(longId);
+  EXPECT_FALSE(IsUrlTestCanceled(longId, 1000));
+  // A minute at most, and the oldest go first beyond 64.
+  MarkUrlTestCanceled(std::string(kMaxWaitingCancelIdBytes, 'y'), Same, 1000);
+  EXPECT_TRUE(IsUrlTestCanceled(std::string(kMaxWaitingCancelIdBytes, 'y'), 60999));
+  EXPECT_FALSE(IsUrlTestCanceled(std::string(kMaxWaitingCancelIdBytes, 'y'), 61000));
+  for (std::uint64_t i = 0; i <= kMaxWaitingCancels; ++i) {
+    MarkUrlTestCanceled("wait-" + std::to_string(i), Same, 2000 + i);
+  }
+  EXPECT_FALSE(IsUrlTestCanceled("wait-0", 3000));
+  EXPECT_TRUE(IsUrlTestCanceled("wait-1", 3000) && IsUrlTestCanceled("wait-64", 3000));
+  for (std::uint64_t i = 0; i <= kMaxWaitingCancels; ++i) EndUrlTest("wait-" + std::to_string(i));
 }
