@@ -12,6 +12,7 @@
 #include "client/urltest_request.h"
 #include "orvelctl/console_text.h"
 #include "orvelctl/terminal.h"
+#include "version.h"
 
 namespace orvel::orvelctl {
 
@@ -21,7 +22,6 @@ using client::ClientAddress;
 using client::ExchangeResult;
 using client::HttpAnswer;
 
-constexpr std::string_view kVersion = "orvelctl 0.1.0\n";
 constexpr std::string_view kDefaultTestUrl = "https://www.gstatic.com/generate_204";
 // How long a stream may stay silent. A node's test ends within 3 s, so a
 // helper that says nothing for this long is not running the test any more.
@@ -486,7 +486,7 @@ int RunOrvelctl(const std::vector<std::string>& args) {
     return Fail(kExitUsage, error + " (orvelctl --help)");
   }
   if (options.version) {
-    Out(kVersion);
+    Out(std::string("orvelctl ") + kProductVersion + "\n");
     return kExitOk;
   }
   if (options.command.empty()) {
