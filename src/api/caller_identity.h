@@ -6,7 +6,7 @@
 // not identify callers yet: everyone is allowed.
 
 #include "api/caller_policy.h"
-#include "api/socket_io.h"
+#include "net/socket_io.h"
 
 namespace orvel {
 

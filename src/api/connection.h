@@ -3,7 +3,7 @@
 #include <cstdint>
 
 #include "api/caller_policy.h"
-#include "api/socket_io.h"
+#include "net/socket_io.h"
 
 namespace orvel {
 

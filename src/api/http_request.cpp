@@ -1,6 +1,6 @@
 #include "api/http_request.h"
 
-#include "api/number_text.h"
+#include "text/number_text.h"
 
 namespace orvel {
 

@@ -1,8 +1,8 @@
 #include "api/request_guard.h"
 
 #include "api/control_server.h"
-#include "api/json_text.h"
-#include "api/number_text.h"
+#include "text/json_text.h"
+#include "text/number_text.h"
 
 namespace orvel {
 

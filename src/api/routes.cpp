@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "core/vpn_commands.h"
+#include "commands/vpn_commands.h"
 #include "log/log_buffer.h"
 #include "traffic/traffic_snapshot.h"
 #include "urltest/urltest_registry.h"

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "api/http_request.h"
-#include "api/socket_io.h"
+#include "net/socket_io.h"
 
 namespace orvel {
 

@@ -1,6 +1,6 @@
 #include "client/http_exchange.h"
 
-#include "api/number_text.h"
+#include "text/number_text.h"
 
 namespace orvel::client {
 

@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "api/number_text.h"
+#include "text/number_text.h"
 
 namespace orvel {
 

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "api/number_text.h"
+#include "text/number_text.h"
 
 namespace orvel {
 

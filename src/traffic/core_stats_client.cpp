@@ -3,7 +3,7 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 
-#include "api/number_text.h"
+#include "text/number_text.h"
 
 namespace orvel {
 

@@ -2,8 +2,8 @@
 
 #include <limits>
 
-#include "api/json_text.h"
-#include "api/number_text.h"
+#include "text/json_text.h"
+#include "text/number_text.h"
 
 namespace orvel {
 

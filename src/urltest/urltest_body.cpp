@@ -1,7 +1,7 @@
 #include "urltest/urltest_body.h"
 
-#include "api/json_text.h"
-#include "api/number_text.h"
+#include "text/json_text.h"
+#include "text/number_text.h"
 
 namespace orvel {
 

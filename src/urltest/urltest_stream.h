@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "api/socket_io.h"
+#include "net/socket_io.h"
 #include "urltest/node_test.h"
 #include "urltest/urltest_body.h"
 

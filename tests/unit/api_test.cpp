@@ -4,10 +4,10 @@
 
 #include "api/caller_policy.h"
 #include "api/http_request.h"
-#include "api/json_text.h"
-#include "api/number_text.h"
 #include "api/request_guard.h"
 #include "log/log_buffer.h"
+#include "text/json_text.h"
+#include "text/number_text.h"
 
 using namespace orvel;
 

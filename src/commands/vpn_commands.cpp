@@ -1,6 +1,5 @@
-#include "core/vpn_commands.h"
+#include "commands/vpn_commands.h"
 
-#include "api/json_text.h"
 #include "core/config_guard.h"
 #include "core/core_process.h"
 #include "core/data_files.h"
@@ -10,6 +9,7 @@
 #include "core/run_mode.h"
 #include "log/log_buffer.h"
 #include "sysproxy/system_proxy.h"
+#include "text/json_text.h"
 #include "traffic/core_stats_client.h"
 #include "traffic/traffic_reader.h"
 

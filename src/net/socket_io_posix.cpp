@@ -3,7 +3,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "api/socket_io.h"
+#include "net/socket_io.h"
 
 namespace orvel {
 

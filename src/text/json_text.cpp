@@ -1,4 +1,4 @@
-#include "api/json_text.h"
+#include "text/json_text.h"
 
 #include "core/host_platform.h"
 

@@ -3,7 +3,7 @@
 #include <climits>
 #include <string>
 
-#include "api/socket_io.h"
+#include "net/socket_io.h"
 
 namespace orvel {
 
