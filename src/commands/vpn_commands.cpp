@@ -1,5 +1,9 @@
 #include "commands/vpn_commands.h"
 
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+
 #include "core/config_guard.h"
 #include "core/core_process.h"
 #include "core/data_files.h"
@@ -17,23 +21,75 @@ namespace orvel {
 
 namespace {
 
+// The commands that change what runs (both starts, stop, the stop of an
+// ending helper, the start-up proxy recovery) take turns in the order they
+// arrive, each to its end: a ticket lock, since a plain mutex lets a late
+// arrival overtake. Two at once left cores running untracked, and the user's
+// saved proxy values were read while another command rewrote them.
+struct CommandTurns {
+  std::mutex lock;
+  std::condition_variable next;
+  std::uint64_t issued = 0;
+  std::uint64_t serving = 0;
+  // What /status shows while a command runs: the state before it, so that a
+  // query never sees a half-done command (an old core stopped, the new one
+  // not yet up).
+  bool commandRunning = false;
+  bool coreRunningBefore = false;
+};
+
+CommandTurns& Turns() {
+  static CommandTurns turns;
+  return turns;
+}
+
+// Holds the turn from construction (after every earlier command has ended)
+// to destruction. `Keep()` never gives it back: for the stop of a helper that
+// is about to exit, after which nothing may start.
+struct CommandTurn {
+  bool kept = false;
+  CommandTurn() {
+    CommandTurns& turns = Turns();
+    std::unique_lock<std::mutex> hold(turns.lock);
+    const std::uint64_t ticket = turns.issued++;
+    turns.next.wait(hold, [&] { return turns.serving == ticket; });
+    hold.unlock();
+    // Outside the turns' own lock: the core's record has a lock of its own.
+    const bool running = IsCoreRunning();
+    hold.lock();
+    turns.coreRunningBefore = running;
+    turns.commandRunning = true;
+  }
+  ~CommandTurn() {
+    if (kept) return;
+    CommandTurns& turns = Turns();
+    {
+      std::lock_guard<std::mutex> hold(turns.lock);
+      turns.commandRunning = false;
+      ++turns.serving;
+    }
+    turns.next.notify_all();
+  }
+  void Keep() { kept = true; }
+  CommandTurn(const CommandTurn&) = delete;
+  CommandTurn& operator=(const CommandTurn&) = delete;
+};
+
 std::string Disconnected(std::string_view message) {
   return BuildStatusBody("disconnected", message);
 }
 
-// The steps both start commands share: refuse an empty body (and, in the
-// service, a configuration the guard refuses), put the user's proxy back and
-// stop any core (every start begins clean, also in the same mode), write the
-// configuration (in the service, as the guard read it) and start the core.
-// True when the core runs; otherwise `answer` holds the refusal.
-bool WriteConfigAndStartCore(const std::string& body, std::string& answer) {
+// What both start commands check before their turn, since it changes
+// nothing: an empty body, and in the service a configuration the guard
+// refuses. False with the answer; otherwise `plainConfig` holds what the
+// service writes.
+bool JudgeStartBody(const std::string& body, std::string& plainConfig, std::string& answer) {
   if (body.empty()) {
     // Nothing else happens: a running core keeps running.
     answer = Disconnected("Empty subscription config or runtime config");
     return false;
   }
   std::string refusal;
-  std::string plainConfig;
   if (IsRunningAsService() &&
       !JudgeServiceConfig(body, ThisPlatform().pathRules, plainConfig, refusal)) {
     // Refused before anything changes: the running core and the user's proxy
@@ -43,6 +99,11 @@ bool WriteConfigAndStartCore(const std::string& body, std::string& answer) {
     answer = Disconnected(message);
     return false;
   }
+  return true;
+}
+
+// The rest of a start, in its turn. True when the core runs.
+bool ReplaceCore(const std::string& body, const std::string& plainConfig, std::string& answer) {
   std::string errorMessage;
   RestoreSystemProxy(errorMessage);
   RetireTrafficReader();
@@ -75,9 +136,15 @@ bool WriteConfigAndStartCore(const std::string& body, std::string& answer) {
 
 }  // namespace
 
+// Puts the user's proxy back and stops any core (every start begins clean,
+// also in the same mode), writes the configuration and starts the core; in
+// proxy mode then points the system proxy at it. One turn from first to last.
 std::string HandleStart(const std::string& body) {
   std::string answer;
-  if (!WriteConfigAndStartCore(body, answer)) return answer;
+  std::string plainConfig;
+  if (!JudgeStartBody(body, plainConfig, answer)) return answer;
+  CommandTurn turn;
+  if (!ReplaceCore(body, plainConfig, answer)) return answer;
   std::string errorMessage;
   if (!EnableSystemProxy(FindMixedInboundPort(body), errorMessage)) {
     RetireTrafficReader();
@@ -93,12 +160,16 @@ std::string HandleStart(const std::string& body) {
 
 std::string HandleStartTun(const std::string& body) {
   std::string answer;
-  if (!WriteConfigAndStartCore(body, answer)) return answer;
+  std::string plainConfig;
+  if (!JudgeStartBody(body, plainConfig, answer)) return answer;
+  CommandTurn turn;
+  if (!ReplaceCore(body, plainConfig, answer)) return answer;
   HelperLog().Append(ThisPlatform().tunStartedLog);
   return BuildStatusBody("connected", ThisPlatform().tunConnected);
 }
 
 std::string HandleStop() {
+  CommandTurn turn;
   std::string errorMessage;
   RestoreSystemProxy(errorMessage);
   RetireTrafficReader();
@@ -108,9 +179,31 @@ std::string HandleStop() {
 }
 
 std::string HandleStatus() {
-  // Asked twice, once per field; the answers normally agree.
-  const std::string_view message = IsCoreRunning() ? ThisPlatform().running : ThisPlatform().idle;
-  return BuildStatusBody(IsCoreRunning() ? "connected" : "disconnected", message);
+  bool running = false;
+  {
+    CommandTurns& turns = Turns();
+    std::lock_guard<std::mutex> hold(turns.lock);
+    running = turns.commandRunning && turns.coreRunningBefore;
+    if (!turns.commandRunning) running = IsCoreRunning();
+  }
+  return BuildStatusBody(running ? "connected" : "disconnected",
+                         running ? ThisPlatform().running : ThisPlatform().idle);
+}
+
+void RestoreProxyThenStopCore() {
+  CommandTurn turn;
+  // The helper ends after this: nothing may start once the core is stopped.
+  turn.Keep();
+  // Nobody is left to tell about a failed restore.
+  std::string ignored;
+  RestoreSystemProxy(ignored);
+  RetireTrafficReader();
+  StopCore();
+}
+
+void RecoverProxyAtStartup() {
+  CommandTurn turn;
+  RecoverSystemProxyAtStartup();
 }
 
 }  // namespace orvel

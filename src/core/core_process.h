@@ -8,12 +8,14 @@ namespace orvel {
 // The one main core process (sing-box run -c ...), recorded by the platform
 // file (core_process_win.cpp, core_process_linux.cpp). A core that was
 // started and not stopped since is asked of the system each time whether it
-// still runs. There is no lock: commands come one at a time.
+// still runs. Starts and stops come one at a time (the command layer above
+// orders them); the record itself may be read from any thread.
 
 // Finds the core, launches it with `configPath` in the data directory (which
 // must exist) and waits 800 ms. True when it still runs then. A core that died
 // in that time is explained by its first output in `errorMessage`. The caller
-// must have stopped any previous core: the record is overwritten.
+// must have stopped any previous core: the record is overwritten. The core
+// enters the record only once it has survived that wait.
 bool StartCore(const std::filesystem::path& configPath, std::string& errorMessage);
 // Stops a running core (Windows: terminated at once; Linux: SIGTERM, then
 // SIGKILL after 3 s) and forgets it. Safe at any time, any number of times.

@@ -4,7 +4,9 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <mutex>
 #include <thread>
+#include <utility>
 
 #include "core/child_launch_linux.h"
 #include "core/core_output.h"
@@ -24,7 +26,26 @@ constexpr int kSurvivalWaitMs = 800;
 // has not ended by then is killed.
 constexpr int kStopWaitMs = 3000;
 
+// The record of the running core. A status or snapshot reads it from its own
+// thread while a command may be starting or stopping a core, so it is read
+// and changed under RecordLock only, and never held while waiting on a core:
+// a stop takes the core out of the record first, a start puts it in once it
+// has survived its first 800 ms.
+std::mutex RecordLock;
 ChildProcess MainCore;
+
+// SIGTERM, then SIGKILL after kStopWaitMs; reaps and forgets `core`.
+void StopChild(ChildProcess& core) {
+  if (core.pidfd < 0) return;
+  if (!WaitForChildExit(core, 0)) {
+    SignalChild(core, SIGTERM);
+    if (!WaitForChildExit(core, kStopWaitMs)) {
+      SignalChild(core, SIGKILL);
+      WaitForChildExit(core, -1);
+    }
+  }
+  ReleaseChild(core);
+}
 
 // The core logs to its output for as long as it runs. Closing the read end
 // would make its next line a SIGPIPE, which ends a Go program writing to
@@ -64,22 +85,23 @@ bool ResolveCoreToRun(std::filesystem::path& exe) {
   return false;
 }
 
-bool IsCoreRunning() { return MainCore.pidfd >= 0 && !WaitForChildExit(MainCore, 0); }
+bool IsCoreRunning() {
+  std::lock_guard<std::mutex> hold(RecordLock);
+  return MainCore.pidfd >= 0 && !WaitForChildExit(MainCore, 0);
+}
 
 int DuplicateCorePidfd() {
+  std::lock_guard<std::mutex> hold(RecordLock);
   return MainCore.pidfd < 0 ? -1 : fcntl(MainCore.pidfd, F_DUPFD_CLOEXEC, 0);
 }
 
 void StopCore() {
-  if (MainCore.pidfd < 0) return;
-  if (!WaitForChildExit(MainCore, 0)) {
-    SignalChild(MainCore, SIGTERM);
-    if (!WaitForChildExit(MainCore, kStopWaitMs)) {
-      SignalChild(MainCore, SIGKILL);
-      WaitForChildExit(MainCore, -1);
-    }
+  ChildProcess core;
+  {
+    std::lock_guard<std::mutex> hold(RecordLock);
+    std::swap(core, MainCore);
   }
-  ReleaseChild(MainCore);
+  StopChild(core);
 }
 
 bool StartCore(const std::filesystem::path& configPath, std::string& errorMessage) {
@@ -107,16 +129,17 @@ bool StartCore(const std::filesystem::path& configPath, std::string& errorMessag
     errorMessage = std::string(ThisPlatform().coreLaunchFailed) + std::to_string(error);
     return false;
   }
-  MainCore = child;
   // A core that dies sooner is answered sooner.
-  if (!WaitForChildExit(MainCore, kSurvivalWaitMs)) {
+  if (!WaitForChildExit(child, kSurvivalWaitMs)) {
     std::thread(DiscardOutputUntilClosed, readEnd).detach();
+    std::lock_guard<std::mutex> hold(RecordLock);
+    MainCore = child;
     return true;
   }
   fcntl(readEnd, F_SETFL, O_NONBLOCK);
   const std::string output = DrainPipeOutput(readEnd);
   close(readEnd);
-  StopCore();
+  StopChild(child);
   errorMessage = std::string(ThisPlatform().coreExitedImmediately) +
                  SummarizeCoreOutput(output, kCoreOutputSummaryLimit);
   return false;

@@ -1,6 +1,8 @@
 #include "core/core_process_win.h"
 
 #include <algorithm>
+#include <mutex>
+#include <utility>
 
 #include "core/child_launch_win.h"
 #include "core/command_line.h"
@@ -18,7 +20,36 @@ constexpr DWORD kExitSettleWaitMs = 100;
 constexpr DWORD kStopWaitMs = 3000;
 constexpr DWORD kPipeChunkBytes = 4096;
 
+// The record of the running core. A status or snapshot reads it from its own
+// thread while a command may be starting or stopping a core, so it is read
+// and changed under RecordLock only, and never held while waiting on a core:
+// a stop takes the core out of the record first, a start puts it in once it
+// has survived its first 800 ms.
+std::mutex RecordLock;
 CoreProcess MainCore;
+
+bool IsStillActive(HANDLE process) {
+  DWORD exitCode = 0;
+  // A core that itself exits with 259 counts as running; accepted.
+  return process != nullptr && GetExitCodeProcess(process, &exitCode) && exitCode == STILL_ACTIVE;
+}
+
+// Terminates `core` if it runs, waits for it (the stop goes on after the
+// time-out regardless) and closes its handles.
+void StopProcess(CoreProcess& core) {
+  if (core.process != nullptr) {
+    if (IsStillActive(core.process)) {
+      TerminateProcess(core.process, 0);
+      WaitForSingleObject(core.process, kStopWaitMs);
+    }
+    CloseHandle(core.process);
+    core.process = nullptr;
+  }
+  if (core.thread != nullptr) {
+    CloseHandle(core.thread);
+    core.thread = nullptr;
+  }
+}
 
 }  // namespace
 
@@ -41,13 +72,12 @@ std::string DrainPipeOutput(HANDLE readEnd) {
 }
 
 bool IsCoreRunning() {
-  if (MainCore.process == nullptr) return false;
-  DWORD exitCode = 0;
-  // A core that itself exits with 259 counts as running; accepted.
-  return GetExitCodeProcess(MainCore.process, &exitCode) && exitCode == STILL_ACTIVE;
+  std::lock_guard<std::mutex> hold(RecordLock);
+  return IsStillActive(MainCore.process);
 }
 
 HANDLE DuplicateCoreProcessHandle() {
+  std::lock_guard<std::mutex> hold(RecordLock);
   HANDLE copy = nullptr;
   if (MainCore.process == nullptr ||
       !DuplicateHandle(GetCurrentProcess(), MainCore.process, GetCurrentProcess(), &copy,
@@ -58,20 +88,12 @@ HANDLE DuplicateCoreProcessHandle() {
 }
 
 void StopCore() {
-  if (MainCore.process != nullptr) {
-    DWORD exitCode = 0;
-    if (GetExitCodeProcess(MainCore.process, &exitCode) && exitCode == STILL_ACTIVE) {
-      TerminateProcess(MainCore.process, 0);
-      // After the time-out the stop goes on regardless.
-      WaitForSingleObject(MainCore.process, kStopWaitMs);
-    }
-    CloseHandle(MainCore.process);
-    MainCore.process = nullptr;
+  CoreProcess core;
+  {
+    std::lock_guard<std::mutex> hold(RecordLock);
+    std::swap(core, MainCore);
   }
-  if (MainCore.thread != nullptr) {
-    CloseHandle(MainCore.thread);
-    MainCore.thread = nullptr;
-  }
+  StopProcess(core);
 }
 
 bool StartCore(const std::filesystem::path& config, std::string& errorMessage) {
@@ -102,21 +124,20 @@ bool StartCore(const std::filesystem::path& config, std::string& errorMessage) {
   // Our copy of the write end must go at once: the pipe reports its end only
   // when the core's copy is the last one.
   CloseHandle(writeEnd);
-  MainCore.process = info.hProcess;
-  MainCore.thread = info.hThread;
-  MainCore.processId = info.dwProcessId;
-  MainCore.threadId = info.dwThreadId;
+  CoreProcess core{info.hProcess, info.hThread, info.dwProcessId, info.dwThreadId};
   Sleep(kSurvivalWaitMs);
 
-  if (IsCoreRunning()) {
+  if (IsStillActive(core.process)) {
     // Nobody reads the core's output from here on; the pipe exists only to
     // explain a core that dies at once.
     CloseHandle(readEnd);
+    std::lock_guard<std::mutex> hold(RecordLock);
+    MainCore = core;
     return true;
   }
-  WaitForSingleObject(MainCore.process, kExitSettleWaitMs);
+  WaitForSingleObject(core.process, kExitSettleWaitMs);
   const std::string output = DrainPipeOutput(readEnd);
-  StopCore();
+  StopProcess(core);
   CloseHandle(readEnd);
   errorMessage = std::string(ThisPlatform().coreExitedImmediately) +
                  SummarizeCoreOutput(output, kCoreOutputSummaryLimit);

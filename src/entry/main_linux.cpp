@@ -7,8 +7,7 @@
 #include "core/child_launch_linux.h"
 #include "core/run_mode.h"
 #include "entry/run_modes_linux.h"
-#include "entry/shutdown.h"
-#include "sysproxy/system_proxy.h"
+#include "commands/vpn_commands.h"
 
 int main(int argc, char** argv) {
   // Every request buffer over 256 KiB is mapped on its own and unmapped when
@@ -33,7 +32,7 @@ int main(int argc, char** argv) {
     return exitCode;  // 0: this user's helper already runs
   }
   // After the lock: a second instance must not touch the proxy.
-  orvel::RecoverSystemProxyAtStartup();
+  orvel::RecoverProxyAtStartup();
   orvel::StartTerminationWatcher();
   const int result = orvel::RunControlServer(orvel::NotifyServiceReady);
   // Reached only when the listener could not be set up.

@@ -6,8 +6,7 @@
 
 #include "api/control_server.h"
 #include "entry/service_host.h"
-#include "entry/shutdown.h"
-#include "sysproxy/system_proxy.h"
+#include "commands/vpn_commands.h"
 
 namespace {
 
@@ -32,7 +31,7 @@ DWORD RunHelper(const std::wstring& commandLine) {
 
   CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
   // After the mutex: a second instance must not touch the proxy.
-  orvel::RecoverSystemProxyAtStartup();
+  orvel::RecoverProxyAtStartup();
   const int result = orvel::RunControlServer();
   // Reached only when the listener could not be set up.
   orvel::RestoreProxyThenStopCore();

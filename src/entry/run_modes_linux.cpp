@@ -25,7 +25,7 @@
 #include "core/root_only.h"
 #include "core/run_mode.h"
 #include "entry/service_unit.h"
-#include "entry/shutdown.h"
+#include "commands/vpn_commands.h"
 
 namespace orvel {
 

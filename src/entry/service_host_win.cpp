@@ -8,8 +8,7 @@
 #include "core/paths.h"
 #include "core/run_mode.h"
 #include "entry/service_host.h"
-#include "entry/shutdown.h"
-#include "sysproxy/system_proxy.h"
+#include "commands/vpn_commands.h"
 
 namespace orvel {
 
@@ -105,7 +104,7 @@ void WINAPI ServiceMain(DWORD, LPWSTR*) {
   ReportServiceStatus(SERVICE_START_PENDING, 0);
   ReportServiceStatus(SERVICE_RUNNING, 0);
   MarkRunningAsService();
-  RecoverSystemProxyAtStartup();
+  RecoverProxyAtStartup();
   const int result = RunControlServer();
   ReportServiceStatus(SERVICE_STOPPED, static_cast<DWORD>(result));
 }

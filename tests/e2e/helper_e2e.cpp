@@ -139,6 +139,52 @@ TEST_F(Helper, FailedStartsLeaveNothingBehind) {
   EXPECT_EQ(Status(), kIdle);
 }
 
+// Real clients overlap: a double click on "connect", a reconnect racing the
+// user's click, orvelctl beside the client application. Eight clients send a
+// mix of both starts, stops, statuses and snapshots at once, three rounds:
+// every answer is whole, at most one core is left and the status agrees;
+// after the last stop none is left and the user's proxy is as it was.
+TEST_F(Helper, OverlappingCommandsLeaveAtMostOneCoreAndTheUsersProxy) {
+  SetUserProxy();
+  const std::string requests[] = {BuildRequest("POST", "/start", Config()),
+                                  BuildRequest("GET", "/status"),
+                                  BuildRequest("POST", "/start-tun", Config()),
+                                  BuildRequest("GET", "/traffic-snapshot"),
+                                  BuildRequest("POST", "/stop"),
+                                  BuildRequest("GET", "/status")};
+  // A whole answer: 200 and as many body bytes as its Content-Length says.
+  const auto whole = [](const std::string& answer) {
+    const std::size_t length = answer.find("Content-Length: ");
+    const std::size_t body = answer.find("\r\n\r\n");
+    return answer.starts_with("HTTP/1.1 200 OK\r\n") && length != std::string::npos &&
+           body != std::string::npos &&
+           answer.size() - body - 4 == std::stoul(answer.substr(length + 16));
+  };
+  for (int round = 0; round < 3; ++round) {
+    std::vector<std::future<std::string>> clients;
+    for (std::size_t client = 0; client < 8; ++client) {
+      clients.push_back(std::async(std::launch::async, [&, client] {
+        std::string broken;
+        for (std::size_t i = 0; i < 6; ++i) {
+          const std::string& request = requests[(client + i) % 6];
+          const std::string answer = ExchangeRaw(request);
+          if (!whole(answer)) broken += request.substr(0, 24) + " -> " + answer + "\n";
+        }
+        return broken;
+      }));
+    }
+    for (auto& client : clients) EXPECT_EQ(client.get(), "");
+    const int cores = CountCores();
+    EXPECT_LE(cores, 1) << "round " << round;
+    EXPECT_EQ(Status(), cores == 1 ? kRunning : kIdle) << "round " << round;
+  }
+  EXPECT_EQ(Post("/stop"), kDisconnected);
+  EXPECT_EQ(CountCores(), 0);
+  EXPECT_EQ(ExchangeRaw(BuildRequest("GET", "/ping")), kPong);
+  ResetTestRecords();  // the announcements of the starts are not the point here
+  ExpectUserProxyUntouched();
+}
+
 TEST_F(Helper, UrlTestBadBodiesAndFailedSetUpsAnswerEmptyAndStartNothing) {
   ASSERT_TRUE(Restart()) << helper.error;  // session numbers count from the start
   const std::string good = Body("r1", {"a"});

@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -72,16 +73,22 @@ inline void KillCores() {
 
 // Starts `exe` with `arguments` in `directory`, output to `out` and `err`
 // (or /dev/null), no other descriptor of ours; its pid, or -1.
+// With `dieWithTest`, the program is killed when the test process ends, however
+// it ends: a failed run must never leave a helper holding port 17891, which
+// fails every later run. Call it so only from the main thread (the death
+// signal follows the thread that forked).
 inline pid_t StartProgram(const fs::path& exe, const std::vector<std::string>& arguments,
                           const fs::path& directory, const fs::path& out = "/dev/null",
-                          const fs::path& err = "/dev/null") {
+                          const fs::path& err = "/dev/null", bool dieWithTest = false) {
   std::vector<std::string> strings{exe.string()};
   strings.insert(strings.end(), arguments.begin(), arguments.end());
   std::vector<char*> argv;
   for (std::string& s : strings) argv.push_back(s.data());
   argv.push_back(nullptr);
+  const pid_t parent = getpid();
   const pid_t pid = fork();
   if (pid != 0) return pid;
+  if (dieWithTest && (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent)) _exit(125);
   const int input = open("/dev/null", O_RDONLY);
   const int output = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
   const int errors = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
@@ -144,7 +151,7 @@ struct ScopedHelper {
     if (!options.extraPath.empty()) {
       setenv("PATH", (options.extraPath.string() + ":" + oldPath).c_str(), 1);
     }
-    pid = StartProgram(ExePath(), options.arguments, directory);
+    pid = StartProgram(ExePath(), options.arguments, directory, "/dev/null", "/dev/null", true);
     setenv("PATH", oldPath.c_str(), 1);
     return WaitForFirstPong([this] { return Running(); }, error);
   }
