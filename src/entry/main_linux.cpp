@@ -1,26 +1,40 @@
 #include <malloc.h>
 
-#include <cstring>
-#include <string_view>
+#include <cstdio>
 
 #include "api/control_server.h"
+#include "commands/vpn_commands.h"
 #include "core/child_launch_linux.h"
 #include "core/run_mode.h"
+#include "entry/run_mode_arguments.h"
 #include "entry/run_modes_linux.h"
-#include "commands/vpn_commands.h"
+#include "version.h"
 
 int main(int argc, char** argv) {
   // Every request buffer over 256 KiB is mapped on its own and unmapped when
   // freed. With glibc's default the threshold climbs after each large free,
   // so a caller's megabyte bodies would stay resident in the heap for good.
   mallopt(M_MMAP_THRESHOLD, 256 * 1024);
-  bool service = false;
-  for (int i = 1; i < argc; ++i) {
-    // A plain substring search, as on Windows: "--install-service" anywhere
-    // selects installer mode, and nothing else runs then.
-    if (std::strstr(argv[i], "--install-service") != nullptr) return orvel::InstallService();
-    service = service || std::string_view(argv[i]) == "--service";
+  const orvel::HelperMode mode = orvel::ChooseHelperMode({argv + 1, argv + argc});
+  switch (mode) {
+    case orvel::HelperMode::kInstall:
+      return orvel::InstallService();
+    case orvel::HelperMode::kUninstall:
+      return orvel::UninstallService();
+    case orvel::HelperMode::kVersion:
+      std::printf("orvel-vpn-helper %s\n", orvel::kProductVersion);
+      return 0;
+    case orvel::HelperMode::kHelp:
+      std::fputs(orvel::kHelperUsage, stdout);
+      return 0;
+    case orvel::HelperMode::kWrongArguments:
+      std::fputs(orvel::kHelperUsage, stderr);
+      return 2;
+    case orvel::HelperMode::kService:
+    case orvel::HelperMode::kStandAlone:
+      break;
   }
+  const bool service = mode == orvel::HelperMode::kService;
   orvel::OpenStandardDescriptors();
   // Before the first thread: setenv is not thread-safe, and every thread
   // must inherit the blocked signals.
@@ -28,6 +42,7 @@ int main(int argc, char** argv) {
   orvel::BlockTerminationSignals();
   if (service) {
     orvel::MarkRunningAsService();
+    orvel::SendLogToStandardError();
   } else if (int exitCode = 0; !orvel::TakeInstanceLock(exitCode)) {
     return exitCode;  // 0: this user's helper already runs
   }

@@ -16,16 +16,18 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
 #include "api/caller_policy.h"
+#include "commands/vpn_commands.h"
 #include "core/data_files.h"
 #include "core/paths.h"
 #include "core/root_only.h"
 #include "core/run_mode.h"
 #include "entry/service_unit.h"
-#include "commands/vpn_commands.h"
+#include "log/log_buffer.h"
 
 namespace orvel {
 
@@ -74,6 +76,35 @@ bool RunQuietly(std::vector<std::string> arguments) {
   int status = 0;
   return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) &&
          WEXITSTATUS(status) == 0;
+}
+
+// Removes `path` (a file or a link, never followed); true when it is gone,
+// also when it was never there.
+bool RemoveIfPresent(const char* path) { return unlink(path) == 0 || errno == ENOENT; }
+
+// The log's mirror in service mode. A journal that has gone away costs the
+// line, never the helper: SIGPIPE is held back for this one write (and
+// taken if it came), since the helper ignores no signal and its children
+// must inherit none ignored.
+void WriteLineToStandardError(std::string_view line) {
+  sigset_t pipe, old;
+  sigemptyset(&pipe);
+  sigaddset(&pipe, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipe, &old);
+  bool broken = false;
+  while (!line.empty()) {
+    const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
+    if (written < 0 && errno == EINTR) continue;
+    broken = written < 0 && errno == EPIPE;
+    if (written <= 0) break;
+    line.remove_prefix(static_cast<std::size_t>(written));
+  }
+  if (broken && !sigismember(&old, SIGPIPE)) {
+    const timespec now{};
+    while (sigtimedwait(&pipe, nullptr, &now) < 0 && errno == EINTR) {
+    }
+  }
+  pthread_sigmask(SIG_SETMASK, &old, nullptr);
 }
 
 // Written whole and readable by all: polkit reads its rules as its own user.
@@ -161,6 +192,33 @@ int InstallService() {
   std::filesystem::create_symlink(kServiceUnitPath, link, ec);
   return ec ? kInstallNotEnabled : 0;
 }
+
+int UninstallService() {
+  if (geteuid() != 0) return kInstallNotRoot;
+  std::error_code ec;
+  const bool systemdRuns = std::filesystem::exists("/run/systemd/system", ec);
+  struct stat info {};
+  const bool installed =
+      lstat(kServiceUnitPath, &info) == 0 || lstat(kServiceWantsLink, &info) == 0;
+  // Only a unit the installer wrote is stopped: where nothing is installed
+  // there is nothing to stop, and systemctl would fail on an unknown unit.
+  if (installed && systemdRuns &&
+      !RunQuietly({"systemctl", "disable", "--now", kServiceUnitName})) {
+    return kUninstallNotStopped;
+  }
+  if (!RemoveIfPresent(kServiceWantsLink) || !RemoveIfPresent(kServiceUnitPath) ||
+      !RemoveIfPresent(kPolkitRulePath)) {
+    return kUninstallNotRemoved;
+  }
+  if (installed && systemdRuns && !RunQuietly({"systemctl", "daemon-reload"})) {
+    return kUninstallNotStopped;
+  }
+  // Links inside are removed, never followed.
+  std::filesystem::remove_all(kServiceStateDirectory, ec);
+  return ec ? kUninstallNotRemoved : 0;
+}
+
+void SendLogToStandardError() { HelperLog().mirror = WriteLineToStandardError; }
 
 void NotifyServiceReady() {
   if (IsRunningAsService()) sd_notify(0, "READY=1");

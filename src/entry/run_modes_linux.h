@@ -17,6 +17,20 @@ constexpr int kInstallNotEnabled = 5;
 constexpr int kInstallNotRootsAlone = 6;
 int InstallService();
 
+// Uninstaller mode, as root: stops and disables the unit the installer wrote
+// (`systemctl disable --now` where systemd runs, otherwise the boot link
+// goes), removes the unit and the polkit rule, and removes the service's
+// state directory (the last configuration, with servers' credentials). The
+// group stays: it may have members. 0 when done, also when nothing was
+// installed, otherwise one of these (kInstallNotRoot when not root).
+constexpr int kUninstallNotRemoved = 3;  // a file or the state directory
+constexpr int kUninstallNotStopped = 5;  // not stopped, disabled or reloaded
+int UninstallService();
+
+// Service mode: every log line also goes to standard error, without its
+// timestamp, for the journal. Call before the first thread that logs.
+void SendLogToStandardError();
+
 // The service tells systemd it is ready once it accepts connections
 // (Type=notify); nothing without NOTIFY_SOCKET or outside service mode.
 void NotifyServiceReady();

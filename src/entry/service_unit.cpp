@@ -57,6 +57,11 @@ std::string BuildServiceUnit(std::string_view executable) {
          "KillMode=control-group\n"
          "StateDirectory=orvel-vpn-helper\n"
          "StateDirectoryMode=0700\n"
+         // The helper's log lines go to standard error in service mode. Its
+         // lines may carry a caller's text: a leading "<0>" must never be
+         // read as a priority (an emergency is sent to every terminal).
+         "SyslogIdentifier=orvel-vpn-helper\n"
+         "SyslogLevelPrefix=no\n"
          "\n"
          "[Install]\n"
          "WantedBy=multi-user.target\n";

@@ -31,6 +31,21 @@ std::string EscapeControlBytes(std::string_view text) {
   return out;
 }
 
+std::string FormatLogMessage(std::string_view message) {
+  std::string out;
+  out.reserve(std::min(message.size(), kMaxLogMessageBytes) + 3);
+  // Escaped a byte at a time and only as far as the cut: a message may be a
+  // caller's megabytes, and every control byte would grow fourfold.
+  for (std::size_t i = 0; i < message.size() && out.size() <= kMaxLogMessageBytes; ++i) {
+    out += EscapeControlBytes(message.substr(i, 1));
+  }
+  if (out.size() > kMaxLogMessageBytes) {
+    out.resize(kMaxLogMessageBytes);
+    out += "...";
+  }
+  return out;
+}
+
 std::string FormatLogLine(const LocalTime& time, std::string_view message) {
   std::string line;
   line.reserve(24 + std::min(message.size(), kMaxLogMessageBytes) + 5);
@@ -47,21 +62,7 @@ std::string FormatLogLine(const LocalTime& time, std::string_view message) {
   line += ':';
   AppendPadded(line, time.second, 2);
   line += "] ";
-  // Escaped a byte at a time and only as far as the cut: a message may be a
-  // caller's megabytes, and every control byte would grow fourfold.
-  const std::size_t start = line.size();
-  for (std::size_t i = 0; i < message.size(); ++i) {
-    if (line.size() - start >= kMaxLogMessageBytes) {
-      line.resize(start + kMaxLogMessageBytes);
-      line += "...";
-      break;
-    }
-    line += EscapeControlBytes(message.substr(i, 1));
-  }
-  if (line.size() - start > kMaxLogMessageBytes) {
-    line.resize(start + kMaxLogMessageBytes);
-    line += "...";
-  }
+  line += FormatLogMessage(message);
   line += "\r\n";
   return line;
 }
@@ -69,11 +70,14 @@ std::string FormatLogLine(const LocalTime& time, std::string_view message) {
 void LogBuffer::Append(std::string_view message) { AppendAt(ReadLocalTime(), message); }
 
 void LogBuffer::AppendAt(const LocalTime& time, std::string_view message) {
-  // Format before taking the lock: the lock covers one append and one trim.
+  // Format before taking the lock: the lock covers one append and one trim
+  // (and the mirror's write, which keeps the two in one order).
   const std::string line = FormatLogLine(time, message);
+  const std::string mirrored = mirror != nullptr ? FormatLogMessage(message) + "\n" : "";
   std::lock_guard<std::mutex> guard(lock);
   text += line;
   if (text.size() > kLogCapacityBytes) text.erase(0, text.size() - kLogCapacityBytes);
+  if (mirror != nullptr) mirror(mirrored);
 }
 
 std::string LogBuffer::Snapshot() {

@@ -27,15 +27,27 @@ std::string EscapeControlBytes(std::string_view text);
 // Reads the wall clock in local time (platform file).
 LocalTime ReadLocalTime();
 
-// "[YYYY-MM-DD hh:mm:ss] " + message (control bytes escaped, then cut to 1200
-// bytes plus "...") + "\r\n": one event is always one line.
+// The message as a line shows it: control bytes escaped, then cut to 1200
+// bytes plus "...".
+std::string FormatLogMessage(std::string_view message);
+
+// "[YYYY-MM-DD hh:mm:ss] " + FormatLogMessage(message) + "\r\n": one event is
+// always one line.
 std::string FormatLogLine(const LocalTime& time, std::string_view message);
+
+// Where else each line goes as it is logged: the formatted message without
+// its timestamp, ended by "\n" (the Linux service's standard error, which the
+// journal stamps itself). Called under the log's lock, so lines leave in the
+// log's own order; it must not log.
+using LogMirror = void (*)(std::string_view line);
 
 // The helper's only diagnostic log: the most recent 64 KiB of lines, in memory.
 // The cut when trimming is by bytes, so the text may start inside a line.
 struct LogBuffer {
   std::mutex lock;
   std::string text;
+  // Set once, before the first thread that logs starts; none by default.
+  LogMirror mirror = nullptr;
 
   void Append(std::string_view message);
   void AppendAt(const LocalTime& time, std::string_view message);

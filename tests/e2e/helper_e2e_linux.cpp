@@ -16,8 +16,11 @@
 #include <cstdlib>
 #include <fstream>
 #include <future>
+#include <sstream>
 
 #include "e2e/helper_e2e.h"
+#include "entry/run_mode_arguments.h"
+#include "version.h"
 
 namespace orvel::test {
 
@@ -467,6 +470,7 @@ TEST_F(Helper, DataDirectoryFollowsTheRunModeAndTheUsersHome) {
     EXPECT_NE(snapshot.find("{\"processName\":\"orvel-vpn-helper\","), std::string::npos);
   }
   stopUsersHelper();
+  EXPECT_EQ(ReadFileBytes(errors), "");  // it logged, to its memory alone
   ASSERT_EQ(fchmod(taken, 0666), 0);
   ASSERT_EQ(flock(taken, LOCK_EX | LOCK_NB), 0);
   EXPECT_EQ(runUsersHelper(), -1);
@@ -732,6 +736,20 @@ TEST_F(Helper, OrvelctlSendsNothingToAnotherAccountsListener) {
 TEST_F(Helper, InstallerWritesTheUnitTheRuleAndTheGroupAndTheServiceTellsSystemd) {
   helper.Stop();
   std::error_code ec;
+  // Only the switches it knows; a wrong one serves nothing.
+  const std::string usage = kHelperUsage;
+  const std::tuple<std::vector<std::string>, std::uint32_t, std::string, std::string> lines[] = {
+      {{"--version"}, 0, std::string("orvel-vpn-helper ") + kProductVersion + "\n", ""},
+      {{"--service", "--help"}, 0, usage, ""},
+      {{"--instal-service"}, 2, "", usage},
+      {{"--service", "-v"}, 2, "", usage},
+  };
+  for (const auto& [arguments, code, out, err] : lines) {
+    EXPECT_EQ(RunProgram(BinDirectory() / "orvel-vpn-helper", arguments),
+              std::tuple(code, out, err))
+        << arguments.back();
+  }
+  EXPECT_EQ(ExchangeRaw("GET /ping HTTP/1.1\r\n\r\n"), "");
   // The service tells systemd it is ready once it accepts connections, and
   // that it stops; SIGTERM stops its core with SIGTERM and it exits 0.
   const fs::path notifyPath = WorkDirectory() / "notify";
@@ -758,12 +776,24 @@ TEST_F(Helper, InstallerWritesTheUnitTheRuleAndTheGroupAndTheServiceTellsSystemd
   fs::copy_file(DoublesDirectory() / "sing-box", root / "sing-box");
   setenv("NOTIFY_SOCKET", notifyPath.c_str(), 1);
   ResetTestRecords();
-  const pid_t service = StartProgram(root / "orvel-vpn-helper", {"--service"}, "/");
+  const fs::path journal = WorkDirectory() / "service-stderr.txt";
+  const pid_t service =
+      StartProgram(root / "orvel-vpn-helper", {"--service"}, "/", "/dev/null", journal);
   unsetenv("NOTIFY_SOCKET");
   EXPECT_EQ(message(), "READY=1");
   EXPECT_EQ(ExchangeRaw("GET /ping HTTP/1.1\r\n\r\n"), kPong);
   EXPECT_EQ(Post("/start-tun", Config()), kTunConnected);
   CoreRun();
+  Post("/cancel-urltest", "\x1b[2J");  // a caller's control bytes, escaped in both
+  // Its standard error (the journal's) has every log line in order, without
+  // the timestamp.
+  std::string logged;
+  std::istringstream log(Logs());
+  for (std::string line; std::getline(log, line);) {
+    logged += line.substr(line.find("] ") + 2, line.size() - line.find("] ") - 3) + "\n";
+  }
+  EXPECT_EQ(logged.find("OrvelVpnHelper started\n"), 0u) << logged;
+  EXPECT_EQ(ReadFileBytes(journal), logged);
   kill(service, SIGTERM);
   EXPECT_EQ(message(), "STOPPING=1");
   EXPECT_EQ(WaitForExit(service, 10000), 0);
@@ -776,12 +806,16 @@ TEST_F(Helper, InstallerWritesTheUnitTheRuleAndTheGroupAndTheServiceTellsSystemd
   // run anything at all).
   if (OthersMayEnterTheRoot()) {
     const fs::path installer = CopyForAnyAccount();
-    EXPECT_EQ(RunAs(user.uid, user.gid,
-                    [&] {
-                      return std::to_string(
-                          WaitForExit(StartProgram(installer, {"--install-service"}, "/"), 10000));
-                    }),
-              "2");
+    EXPECT_EQ(
+        RunAs(user.uid, user.gid,
+              [&] {
+                std::string codes;
+                for (const char* mode : {"--install-service", "--uninstall-service"}) {
+                  codes += std::to_string(WaitForExit(StartProgram(installer, {mode}, "/"), 10000));
+                }
+                return codes;
+              }),
+        "22");
     fs::remove_all(installer.parent_path(), ec);
   }
   if (std::get<0>(RunProgram("/usr/bin/unshare", {"--mount", "true"})) != 0) {
@@ -816,7 +850,8 @@ TEST_F(Helper, InstallerWritesTheUnitTheRuleAndTheGroupAndTheServiceTellsSystemd
   fs::create_directories(moved);
   fs::copy_file(BinDirectory() / "orvel-vpn-helper", moved / "orvel-vpn-helper");
   const std::string script =
-      "mount -t tmpfs none /etc/systemd/system && mount -t tmpfs none /etc/polkit-1 || exit 9\n"
+      "mount -t tmpfs none /etc/systemd/system && mount -t tmpfs none /etc/polkit-1 &&\n"
+      "  mount -t tmpfs none /var/lib || exit 9\n"
       "for d in" +
       names +
       "; do \"$0/$d/orvel-vpn-helper\" --install-service 2>&1; echo \"rc=$?\"; done\n"
@@ -830,7 +865,16 @@ TEST_F(Helper, InstallerWritesTheUnitTheRuleAndTheGroupAndTheServiceTellsSystemd
       "\"$0/moved dir/orvel-vpn-helper\" --install-service; echo \"rc=$?\"\n"
       "grep ExecStart /etc/systemd/system/orvel-vpn-helper.service\n"
       "mount -o remount,ro /etc/systemd/system\n"
-      "\"$0/orvel-vpn-helper\" --install-service; echo \"rc=$?\"\n";
+      "\"$0/orvel-vpn-helper\" --install-service; echo \"rc=$?\"\n"
+      // The uninstaller: the unit it cannot remove, then everything of the
+      // helper's, the last configuration included, and then nothing to do.
+      "mkdir -p /var/lib/orvel-vpn-helper/data && echo '{}' "
+      ">/var/lib/orvel-vpn-helper/sing-box.json\n"
+      "\"$0/orvel-vpn-helper\" --uninstall-service; echo \"rc=$?\"\n"
+      "mount -o remount,rw /etc/systemd/system\n"
+      "for i in 1 2; do \"$0/orvel-vpn-helper\" --uninstall-service; echo \"rc=$?\"; done\n"
+      "find /etc/systemd/system /etc/polkit-1 /var/lib ! -type d\n"
+      "find /var/lib -mindepth 1\n";
   const auto [code, out, err] =
       RunProgram("/usr/bin/unshare",
                  {"--mount", "sh", "-c", script, PathText(root), PathText(WorkDirectory())});
@@ -838,7 +882,8 @@ TEST_F(Helper, InstallerWritesTheUnitTheRuleAndTheGroupAndTheServiceTellsSystemd
   EXPECT_EQ(out, refused +
                      "rc=0\n/etc/systemd/system/orvel-vpn-helper.service\nrc=0\n"
                      "ExecStart=\"" +
-                     PathText(moved / "orvel-vpn-helper") + "\" --service\nrc=3\n")
+                     PathText(moved / "orvel-vpn-helper") +
+                     "\" --service\nrc=3\nrc=3\nrc=0\nrc=0\n")
       << err;
   const group* entry = getgrnam("orvel-vpn");
   ASSERT_NE(entry, nullptr);

@@ -229,7 +229,8 @@ TEST(QuoteForSystemd, QuotesEscapesAndDoublesWhatSystemdExpands) {
   EXPECT_NE(
       unit.find("\n[Service]\nType=notify\nExecStart=\"/opt/Orvel VPN/helper\" --service\n"
                 "Restart=on-failure\nKillMode=control-group\nStateDirectory=orvel-vpn-helper\n"
-                "StateDirectoryMode=0700\n\n[Install]\nWantedBy=multi-user.target\n"),
+                "StateDirectoryMode=0700\nSyslogIdentifier=orvel-vpn-helper\nSyslogLevelPrefix=no\n"
+                "\n[Install]\nWantedBy=multi-user.target\n"),
       std::string::npos)
       << unit;
 }
