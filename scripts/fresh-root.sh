@@ -5,7 +5,9 @@
 # host happens to have the package.
 #
 #   bash scripts/fresh-root.sh --can         exit 0 when this machine can do it
-#   bash scripts/fresh-root.sh 'COMMAND'     run COMMAND in /root/project there
+#   bash scripts/fresh-root.sh 'COMMAND' [FILE...]
+#                                            run COMMAND in /root/project there,
+#                                            with copies of the FILEs beside it
 #
 # Needs root, debootstrap (installed with apt-get when missing), chroot and
 # mounts. The pristine root is made once and kept as a tar under /var/tmp;
@@ -42,7 +44,7 @@ if [ "${1:-}" = "--can" ]; then
   echo "$why"
   exit 1
 fi
-[ $# -eq 1 ] || { echo "usage: bash scripts/fresh-root.sh --can | 'COMMAND'" >&2; exit 2; }
+[ $# -ge 1 ] || { echo "usage: bash scripts/fresh-root.sh --can | 'COMMAND' [FILE...]" >&2; exit 2; }
 why=$(can_run) || { echo "fresh-root: cannot run here: $why" >&2; exit 3; }
 
 mkdir -p "$cache" "$archives"
@@ -89,6 +91,7 @@ chmod 755 "$root"
 mount --bind "$root" "$root"
 cp /etc/resolv.conf "$root/etc/resolv.conf"
 git clone -q "$top" "$root/root/project"
+[ $# -eq 1 ] || cp -- "${@:2}" "$root/root/project/"
 mount -t proc proc "$root/proc"
 mount -t sysfs sys "$root/sys"
 mount --rbind /dev "$root/dev"
