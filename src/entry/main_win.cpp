@@ -5,8 +5,8 @@
 #include <string>
 
 #include "api/control_server.h"
-#include "entry/service_host.h"
 #include "commands/vpn_commands.h"
+#include "entry/service_host.h"
 
 namespace {
 
@@ -15,6 +15,11 @@ DWORD RunHelper(const std::wstring& commandLine) {
   // mode, and nothing else runs then (no log line, no mutex, no server).
   if (commandLine.find(L"--install-service") != std::wstring::npos) {
     return static_cast<DWORD>(orvel::InstallService());
+  }
+  // Matched the same way. A package's uninstaller runs it; it too starts no
+  // server and writes no log line.
+  if (commandLine.find(L"--uninstall-service") != std::wstring::npos) {
+    return static_cast<DWORD>(orvel::UninstallService());
   }
 
   SERVICE_TABLE_ENTRYW dispatchTable[] = {

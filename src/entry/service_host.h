@@ -15,8 +15,14 @@ constexpr const wchar_t* kServiceSecurityDescriptor =
 
 // Installs or updates the service registration for this executable's current
 // path. 0 done, 1 no module path, 2 no Service Control Manager, 3 the service
-// could be neither created nor opened.
+// could be neither created nor opened, 4 registered but its failure actions
+// (restart after a crash) were refused.
 int InstallService();
+
+// Stops the service if it runs, waits up to 30 s until it has stopped, then
+// deletes its registration. 0 done (also when there is no such service), 2 no
+// Service Control Manager, 3 the service could not be stopped or deleted.
+int UninstallService();
 
 // The service entry handed to the dispatcher.
 void WINAPI ServiceMain(DWORD argc, LPWSTR* argv);

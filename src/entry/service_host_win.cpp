@@ -2,13 +2,15 @@
 // windows.h first: sddl.h depends on it.
 #include <sddl.h>
 
+#include <array>
 #include <string>
 
 #include "api/control_server.h"
+#include "commands/vpn_commands.h"
 #include "core/paths.h"
 #include "core/run_mode.h"
+#include "entry/service_failure_actions.h"
 #include "entry/service_host.h"
-#include "commands/vpn_commands.h"
 
 namespace orvel {
 
@@ -18,8 +20,8 @@ constexpr const wchar_t* kServiceDisplayName = L"Orvel VPN Helper Service";
 constexpr const wchar_t* kServiceDescription = L"Runs sing-box TUN mode for Orvel VPN.";
 constexpr DWORD kServiceAccess =
     WRITE_DAC | SERVICE_START | SERVICE_QUERY_STATUS | SERVICE_CHANGE_CONFIG;
-constexpr DWORD kRestartDelayMs = 5000;
-constexpr DWORD kFailureCountResetSeconds = 24 * 60 * 60;
+constexpr ULONGLONG kStopWaitMs = 30000;
+static_assert(kServiceActionRestart == SC_ACTION_RESTART);
 
 SERVICE_STATUS_HANDLE ServiceStatusHandle = nullptr;
 SERVICE_STATUS ServiceStatus{};
@@ -41,6 +43,32 @@ void WINAPI ServiceControlHandler(DWORD control) {
   ReportServiceStatus(SERVICE_STOPPED, 0);
   // Connection threads are not waited for: nothing they hold needs saving.
   ExitProcess(0);
+}
+
+// Asks the service to stop unless it is stopped or stopping already, and
+// waits up to 30 s for "stopped". A service still starting is asked once it
+// runs: it accepts no control before.
+bool StopServiceAndWait(SC_HANDLE service) {
+  const ULONGLONG deadline = GetTickCount64() + kStopWaitMs;
+  bool asked = false;
+  SERVICE_STATUS status{};
+  while (QueryServiceStatus(service, &status)) {
+    const DWORD state = status.dwCurrentState;
+    if (state == SERVICE_STOPPED) return true;
+    if (!asked && state != SERVICE_START_PENDING && state != SERVICE_STOP_PENDING) {
+      // The helper ends its process right after reporting "stopped", so the
+      // reply may be lost with the pipe (109); a service that stopped
+      // meanwhile answers 1062, one that went back to starting 1061. The
+      // state read next tells what happened.
+      asked = ControlService(service, SERVICE_CONTROL_STOP, &status) != FALSE;
+      const DWORD error = asked ? ERROR_SUCCESS : GetLastError();
+      if (error == ERROR_BROKEN_PIPE || error == ERROR_SERVICE_NOT_ACTIVE) asked = true;
+      if (!asked && error != ERROR_SERVICE_CANNOT_ACCEPT_CTRL) return false;
+    }
+    if (GetTickCount64() >= deadline) return false;
+    Sleep(100);
+  }
+  return false;
 }
 
 }  // namespace
@@ -75,17 +103,19 @@ int InstallService() {
   ChangeServiceConfig2W(service, SERVICE_CONFIG_DESCRIPTION, &description);
 
   // A service process that ends without reporting "stopped" (a crash, a
-  // kill) is restarted twice, 5 s after each failure; the count starts again
-  // after a day without failures. The closing "none" matters: past the end of
-  // the list the SCM repeats the last action, which would restart for ever.
-  SC_ACTION actions[] = {{SC_ACTION_RESTART, kRestartDelayMs},
-                         {SC_ACTION_RESTART, kRestartDelayMs},
-                         {SC_ACTION_NONE, 0}};
+  // kill) is started again. The answer is checked: a service that stays down
+  // after a crash leaves the user without the VPN until the next boot.
+  const ServiceFailureActions plan = BuildServiceFailureActions();
+  std::array<SC_ACTION, std::tuple_size_v<decltype(plan.actions)>> actions{};
+  for (std::size_t i = 0; i < plan.actions.size(); ++i) {
+    actions[i] = {static_cast<SC_ACTION_TYPE>(plan.actions[i].type), plan.actions[i].delayMs};
+  }
   SERVICE_FAILURE_ACTIONSW failureActions{};
-  failureActions.dwResetPeriod = kFailureCountResetSeconds;
-  failureActions.cActions = sizeof(actions) / sizeof(actions[0]);
-  failureActions.lpsaActions = actions;
-  ChangeServiceConfig2W(service, SERVICE_CONFIG_FAILURE_ACTIONS, &failureActions);
+  failureActions.dwResetPeriod = plan.resetPeriodSeconds;
+  failureActions.cActions = static_cast<DWORD>(plan.actions.size());
+  failureActions.lpsaActions = actions.data();
+  const bool recoverySet =
+      ChangeServiceConfig2W(service, SERVICE_CONFIG_FAILURE_ACTIONS, &failureActions) != FALSE;
 
   PSECURITY_DESCRIPTOR descriptor = nullptr;
   if (ConvertStringSecurityDescriptorToSecurityDescriptorW(kServiceSecurityDescriptor,
@@ -95,7 +125,29 @@ int InstallService() {
   }
   CloseServiceHandle(service);
   CloseServiceHandle(manager);
-  return 0;
+  return recoverySet ? 0 : 4;
+}
+
+int UninstallService() {
+  SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
+  if (manager == nullptr) return 2;
+  SC_HANDLE service =
+      OpenServiceW(manager, kServiceName, SERVICE_STOP | SERVICE_QUERY_STATUS | DELETE);
+  if (service == nullptr) {
+    const DWORD error = GetLastError();
+    CloseServiceHandle(manager);
+    return error == ERROR_SERVICE_DOES_NOT_EXIST ? 0 : 3;
+  }
+  // Deleting a running service only marks it: the registration would linger
+  // until the process ends, and an install meeting it then fails (1072).
+  // Another handle held open elsewhere (a management console) has the same
+  // effect; the deletion still completes once it is closed.
+  const bool removed =
+      StopServiceAndWait(service) &&
+      (DeleteService(service) || GetLastError() == ERROR_SERVICE_MARKED_FOR_DELETE);
+  CloseServiceHandle(service);
+  CloseServiceHandle(manager);
+  return removed ? 0 : 3;
 }
 
 void WINAPI ServiceMain(DWORD, LPWSTR*) {

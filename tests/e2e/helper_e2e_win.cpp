@@ -5,12 +5,14 @@
 #include "e2e/helper_e2e.h"
 // After windows.h, which the harness brings in.
 #include <sddl.h>
+#include <winver.h>
 
 #include <algorithm>
 #include <memory>
 #include <type_traits>
 
 #include "entry/service_host.h"
+#include "version.h"
 
 namespace orvel::test {
 
@@ -232,10 +234,10 @@ ScHandle OpenOurService() {
                   CloseServiceHandle);
 }
 
-// Polls `check` for up to 10 s.
+// Polls `check` for up to `seconds`.
 template <typename Check>
-bool WaitFor(Check check) {
-  for (int i = 0; i < 400 && !check(); ++i) Sleep(25);
+bool WaitFor(Check check, int seconds = 10) {
+  for (int i = 0; i < seconds * 40 && !check(); ++i) Sleep(25);
   return check();
 }
 
@@ -416,6 +418,159 @@ TEST_F(Helper, ServiceIsInstalledRunsTheCoreAndRefusesUnsafeConfigurations) {
   ASSERT_EQ(StartThroughScm().dwCurrentState, DWORD{SERVICE_RUNNING});
   EXPECT_EQ(Post("/start-tun", Config()), Answer("disconnected", ThisPlatform().coreNotFound));
   EXPECT_EQ(CountCores(), 0);
+}
+
+// --- The installer ------------------------------------------------------------
+
+constexpr const wchar_t* kUninstallKey =
+    L"Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\OrvelVpnHelper";
+
+// What Explorer shows of the exe: FileVersion|ProductVersion|ProductName|
+// FileDescription.
+std::wstring VersionStrings(const fs::path& exe) {
+  DWORD ignored = 0;
+  std::vector<unsigned char> data(GetFileVersionInfoSizeW(exe.c_str(), &ignored));
+  if (data.empty() ||
+      !GetFileVersionInfoW(exe.c_str(), 0, static_cast<DWORD>(data.size()), data.data())) {
+    return L"no version resource";
+  }
+  std::wstring shown;
+  for (const wchar_t* name :
+       {L"FileVersion", L"ProductVersion", L"ProductName", L"FileDescription"}) {
+    wchar_t* value = nullptr;
+    UINT length = 0;
+    const std::wstring path = std::wstring(L"\\StringFileInfo\\040904B0\\") + name;
+    shown += VerQueryValueW(data.data(), path.c_str(), reinterpret_cast<void**>(&value), &length)
+                 ? std::wstring(value) + L"|"
+                 : L"-|";
+  }
+  return shown;
+}
+
+// The Add/Remove Programs entry: name|version|publisher|uninstall string|
+// whether a size is given, or "" when there is none.
+std::wstring UninstallEntry() {
+  std::wstring entry;
+  for (const wchar_t* name :
+       {L"DisplayName", L"DisplayVersion", L"Publisher", L"UninstallString"}) {
+    wchar_t value[512] = {};
+    DWORD size = sizeof(value);
+    if (RegGetValueW(HKEY_LOCAL_MACHINE, kUninstallKey, name, RRF_RT_REG_SZ, nullptr, value,
+                     &size) != ERROR_SUCCESS) {
+      return entry;
+    }
+    entry += std::wstring(value) + L"|";
+  }
+  DWORD kib = 0, size = sizeof(kib);
+  RegGetValueW(HKEY_LOCAL_MACHINE, kUninstallKey, L"EstimatedSize", RRF_RT_REG_DWORD, nullptr, &kib,
+               &size);
+  return entry + (kib > 0 ? L"sized" : L"no size");
+}
+
+std::wstring ServiceBinaryPath() {
+  const ScHandle service = OpenOurService();
+  std::vector<unsigned char> buffer(8192);
+  DWORD needed = 0;
+  auto* config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer.data());
+  return service && QueryServiceConfigW(service.get(), config, 4096, &needed)
+             ? config->lpBinaryPathName
+             : L"no service";
+}
+
+// Runs an installer with `arguments` and waits up to 60 s; its exit code.
+// Nothing of this process is inherited: the first window in the prefix
+// starts Wine's desktop process, which would keep for ever the output
+// files that RunProgram hands its programs.
+DWORD RunInstaller(const fs::path& exe, const std::wstring& arguments) {
+  std::wstring commandLine = L"\"" + exe.wstring() + L"\" " + arguments;
+  STARTUPINFOW startup{};
+  startup.cb = sizeof(startup);
+  PROCESS_INFORMATION info{};
+  DWORD exitCode = 0xFFFFFFFF;
+  if (CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                     &startup, &info)) {
+    if (WaitForSingleObject(info.hProcess, 60000) != WAIT_OBJECT_0)
+      TerminateProcess(info.hProcess, 99);
+    GetExitCodeProcess(info.hProcess, &exitCode);
+    CloseHandle(info.hProcess);
+    CloseHandle(info.hThread);
+  }
+  return exitCode;
+}
+
+// The installer a client ships, silently: a fresh install, an upgrade to a
+// higher version while the service runs (Windows and Wine refuse to overwrite
+// the exe of a running service, so an installer that did not stop it first
+// fails here), the service removed by the helper alone in each state, and the
+// uninstaller.
+TEST_F(Helper, InstallerInstallsUpgradesTheRunningServiceAndRemovesIt) {
+  const fs::path folder = fs::path(_wgetenv(L"ProgramFiles")) / L"OrvelVPN";
+  const fs::path exe = folder / L"OrvelVpnHelper.exe";
+  struct Cleanup {
+    const fs::path& folder;
+    ~Cleanup() {
+      RemoveService();
+      KillProcessesNamed(L"OrvelVpnHelper.exe");
+      ForgetLastStartedService();
+      std::error_code ec;
+      fs::remove_all(folder, ec);
+      RegDeleteTreeW(HKEY_LOCAL_MACHINE, kUninstallKey);
+    }
+  } cleanup{folder};
+  // The service answers on the helper's port.
+  helper.Stop();
+  RemoveService();
+  const std::wstring version = fs::u8path(kProductVersion).wstring();
+  const std::wstring next = L"" ORVEL_NEXT_VERSION;
+  const fs::path bin = BinDirectory();
+  const std::wstring quotedUninstaller = L"\"" + (folder / L"uninstall.exe").wstring() + L"\"|";
+
+  ASSERT_EQ(RunInstaller(bin.parent_path() / (L"OrvelVpnHelper-" + version + L"-setup.exe"), L"/S"),
+            0u);
+  EXPECT_EQ(ServiceBinaryPath(), L"\"" + exe.wstring() + L"\"");
+  EXPECT_TRUE(WaitFor(Pong));
+  EXPECT_EQ(VersionStrings(exe), version + L"|" + version + L"|Orvel VPN Helper|Orvel VPN Helper|");
+  EXPECT_EQ(VersionStrings(bin / kOrvelctlFileName),
+            version + L"|" + version + L"|Orvel VPN Helper|Orvel VPN Helper command-line client|");
+  EXPECT_EQ(UninstallEntry(),
+            L"Orvel VPN Helper|" + version + L"|Orvel VPN|" + quotedUninstaller + L"sized");
+
+  ASSERT_EQ(
+      RunInstaller(bin / L"next-version" / (L"OrvelVpnHelper-" + next + L"-setup.exe"), L"/S"), 0u);
+  EXPECT_EQ(VersionStrings(exe), next + L"|" + next + L"|Orvel VPN Helper|Orvel VPN Helper|");
+  EXPECT_TRUE(fs::exists(folder / kCoreFileName));
+  EXPECT_EQ(WaitForState(OpenOurService(), SERVICE_RUNNING).dwCurrentState, DWORD{SERVICE_RUNNING});
+  EXPECT_TRUE(WaitFor(Pong));
+  EXPECT_EQ(UninstallEntry(),
+            L"Orvel VPN Helper|" + next + L"|Orvel VPN|" + quotedUninstaller + L"sized");
+
+  // --uninstall-service alone: each state it may meet ends with no service
+  // and exit code 0.
+  const struct {
+    const char* state;
+    bool install, start;
+  } states[] = {{"running", true, true}, {"stopped", true, false}, {"not installed", false, false}};
+  for (const auto& s : states) {
+    if (s.install) {
+      ASSERT_EQ(std::get<0>(RunProgram(exe, {"--install-service"})), 0u);
+    }
+    if (s.start) {
+      ASSERT_EQ(StartThroughScm().dwCurrentState, DWORD{SERVICE_RUNNING});
+    }
+    EXPECT_EQ(std::get<0>(RunProgram(exe, {"--uninstall-service"})), 0u) << s.state;
+    EXPECT_EQ(OpenOurService(), nullptr) << s.state;
+    EXPECT_FALSE(Pong()) << s.state;
+  }
+
+  // The uninstaller removes a running service too. Run with /S it copies
+  // itself away and returns at once, so its work is waited for.
+  ASSERT_EQ(std::get<0>(RunProgram(exe, {"--install-service"})), 0u);
+  ASSERT_EQ(StartThroughScm().dwCurrentState, DWORD{SERVICE_RUNNING});
+  ASSERT_EQ(RunInstaller(folder / L"uninstall.exe", L"/S"), 0u);
+  EXPECT_TRUE(WaitFor([&] { return !fs::exists(folder); }, 60));
+  EXPECT_EQ(OpenOurService(), nullptr);
+  EXPECT_EQ(UninstallEntry(), L"");
+  EXPECT_FALSE(Pong());
 }
 
 }  // namespace

@@ -2,11 +2,14 @@
 // how it reports a core that died.
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "core/command_line.h"
 #include "core/config_guard.h"
 #include "core/core_output.h"
 #include "core/mixed_port.h"
 #include "core/root_only.h"
+#include "entry/service_failure_actions.h"
 #include "entry/service_unit.h"
 
 using namespace orvel;
@@ -235,6 +238,14 @@ TEST(QuoteForSystemd, QuotesEscapesAndDoublesWhatSystemdExpands) {
       << unit;
 }
 
+TEST(BuildServiceFailureActions, RestartsAfter5Then10Then30SecondsCountedOverADay) {
+  const ServiceFailureActions plan = BuildServiceFailureActions();
+  std::ostringstream text;
+  text << plan.resetPeriodSeconds;
+  for (const ServiceFailureAction& a : plan.actions) text << ' ' << a.type << ':' << a.delayMs;
+  EXPECT_EQ(text.str(), "86400 1:5000 1:10000 1:30000");
+}
+
 TEST(JudgeRootOnlyEntry, RootsAloneUnlessAnotherOwnsOrMayWriteOutsideAStickyFolder) {
   struct Case {
     std::uint32_t uid, mode;  // as stat reports them, file type bits included
@@ -271,7 +282,8 @@ TEST(QuoteCommandLineArgument, BackslashesDoubleOnlyBeforeAQuoteOrTheEnd) {
       {LR"(proxy" -c "C:\users\Public\evil.json" -D "C:\windows\system32)",
        LR"("proxy\" -c \"C:\users\Public\evil.json\" -D \"C:\windows\system32")"},
   };
-  for (const auto& [argument, quoted] : cases) EXPECT_EQ(QuoteCommandLineArgument(argument), quoted);
+  for (const auto& [argument, quoted] : cases)
+    EXPECT_EQ(QuoteCommandLineArgument(argument), quoted);
   EXPECT_EQ(BuildCommandLine(LR"(C:\Program Files\sing-box.exe)", {L"run", L"-c", LR"(C:\a b\)"}),
             LR"("C:\Program Files\sing-box.exe" "run" "-c" "C:\a b\\")");
 }
