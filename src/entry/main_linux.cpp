@@ -32,10 +32,19 @@ int main(int argc, char** argv) {
       return 2;
     case orvel::HelperMode::kService:
     case orvel::HelperMode::kStandAlone:
+    case orvel::HelperMode::kRestoreProxy:
       break;
   }
   const bool service = mode == orvel::HelperMode::kService;
   orvel::OpenStandardDescriptors();
+  if (mode == orvel::HelperMode::kRestoreProxy) {
+    // Under the instance lock: a running helper owns the saved values (and
+    // may have set them a moment ago), so nothing is touched then.
+    int exitCode = 0;
+    if (!orvel::TakeInstanceLock(exitCode)) return exitCode;
+    orvel::RecoverProxyAtStartup();
+    return 0;
+  }
   // Before the first thread: setenv is not thread-safe, and every thread
   // must inherit the blocked signals.
   orvel::SetCoreEnvironmentVariables();

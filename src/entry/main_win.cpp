@@ -7,6 +7,7 @@
 #include "api/control_server.h"
 #include "commands/vpn_commands.h"
 #include "entry/service_host.h"
+#include "entry/session_end.h"
 
 namespace {
 
@@ -22,6 +23,18 @@ DWORD RunHelper(const std::wstring& commandLine) {
     return static_cast<DWORD>(orvel::UninstallService());
   }
 
+  constexpr const wchar_t* kSingletonName = L"OrvelVpnHelperSingletonV2";
+  // The run-at-logon entry: the start-up recovery alone, then exit 0. Under
+  // the stand-alone helper's mutex, so that a helper that runs (and owns the
+  // saved values) is never interfered with, nor one that starts meanwhile.
+  if (commandLine.find(L"--restore-proxy") != std::wstring::npos) {
+    HANDLE singleton = CreateMutexW(nullptr, TRUE, kSingletonName);
+    if (singleton == nullptr) return 0;
+    if (GetLastError() != ERROR_ALREADY_EXISTS) orvel::RecoverProxyAtStartup();
+    CloseHandle(singleton);
+    return 0;
+  }
+
   SERVICE_TABLE_ENTRYW dispatchTable[] = {
       {const_cast<LPWSTR>(orvel::kServiceName), orvel::ServiceMain},
       {nullptr, nullptr},
@@ -30,13 +43,14 @@ DWORD RunHelper(const std::wstring& commandLine) {
   if (GetLastError() != ERROR_FAILED_SERVICE_CONTROLLER_CONNECT) return 0;
 
   // Stand-alone mode: one instance per session of the named mutex.
-  HANDLE singleton = CreateMutexW(nullptr, TRUE, L"OrvelVpnHelperSingletonV2");
+  HANDLE singleton = CreateMutexW(nullptr, TRUE, kSingletonName);
   if (singleton == nullptr) return 0;
   if (GetLastError() == ERROR_ALREADY_EXISTS) return 0;  // process exit releases the handle
 
   CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
   // After the mutex: a second instance must not touch the proxy.
   orvel::RecoverProxyAtStartup();
+  orvel::StartSessionEndWatcher();
   const int result = orvel::RunControlServer();
   // Reached only when the listener could not be set up.
   orvel::RestoreProxyThenStopCore();

@@ -13,6 +13,7 @@ HelperMode ChooseHelperMode(std::span<const char* const> arguments) {
     HelperMode mode = HelperMode::kWrongArguments;
     if (argument == "--service") mode = HelperMode::kService;
     if (argument == "--uninstall-service") mode = HelperMode::kUninstall;
+    if (argument == "--restore-proxy") mode = HelperMode::kRestoreProxy;
     if (argument == "--version") mode = HelperMode::kVersion;
     if (argument == "--help") mode = HelperMode::kHelp;
     // A mistyped switch must never start a helper nobody asked for.

@@ -25,22 +25,24 @@ constexpr const char* kCrashRecoveryOff =
 bool SaveSystemProxy(std::string& errorMessage);
 // Snapshot, then the proxy state file (logged and passed over when it cannot
 // be written), then ProxyEnable=1, ProxyServer at 127.0.0.1:port, the loopback
-// bypass list, and the change notification. Writes made before a failure are
-// not undone here: the caller restores.
+// bypass list, the change notification, and (only once all of that worked)
+// the run-at-logon entry (sysproxy/restore_entry.h). Writes made before a
+// failure are not undone here: the caller restores.
 bool EnableSystemProxy(int port, std::string& errorMessage);
 // Writes the snapshot back (ProxyEnable always; the strings deleted when they
-// were empty), drops it and deletes the proxy state file. True at once when
-// nothing is saved. On failure the snapshot and the file stay so that the
-// next restore tries again.
+// were empty), drops it and deletes the proxy state file and the run-at-logon
+// entry. True at once when nothing is saved. On failure the snapshot, the file
+// and the entry stay so that the next restore tries again.
 bool RestoreSystemProxy(std::string& errorMessage);
 // Start-up, before the listener opens: a proxy state file means the last
 // helper ended while its values were in the registry. The user's values go
 // back (and WinINet is told) only while ProxyServer still holds the helper's
 // value; a user who changed the settings since keeps them. A file that cannot
-// be read is ignored. The file is removed once dealt with, and one log line
-// says what happened; without a file nothing is done or logged. When the
-// restore itself fails, the values stay saved (in memory and on disk) for the
-// next stop, start or helper start to try again.
+// be read is ignored. The file and the run-at-logon entry are removed once
+// dealt with, and one log line says what happened; without a file only the
+// entry goes, and nothing is logged. When the restore itself fails, the
+// values stay saved (in memory and on disk, the entry with them) for the next
+// stop, start, helper start or logon to try again.
 void RecoverSystemProxyAtStartup();
 
 }  // namespace orvel

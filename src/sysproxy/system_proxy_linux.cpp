@@ -22,6 +22,7 @@
 #include "log/log_buffer.h"
 #include "sysproxy/desktop_proxy_state.h"
 #include "sysproxy/proxy_state.h"
+#include "sysproxy/restore_entry.h"
 #include "sysproxy/system_proxy.h"
 
 extern char** environ;
@@ -368,6 +369,7 @@ bool EnableSystemProxy(int port, std::string& errorMessage) {
     return false;
   }
   if (KdeApplies()) TellKdeProgramsToReread();
+  CreateRestoreEntry();
   return true;
 }
 
@@ -381,6 +383,7 @@ bool RestoreSystemProxy(std::string& errorMessage) {
   if (Saved.unchecked && CurrentMarker() != Saved.state.helper) {
     Saved = {};
     std::filesystem::remove(StatePath(), ignored);
+    RemoveRestoreEntry();
     HelperLog().Append(kChangedSinceSet);
     return true;
   }
@@ -393,6 +396,7 @@ bool RestoreSystemProxy(std::string& errorMessage) {
   // Only now: a crash before this line leaves the file for the next helper,
   // which finds the user's settings back in place and leaves them.
   std::filesystem::remove(StatePath(), ignored);
+  RemoveRestoreEntry();
   return true;
 }
 
@@ -401,7 +405,9 @@ void RecoverSystemProxyAtStartup() {
   const std::filesystem::path path = StatePath();
   std::error_code ignored;
   RemoveUnfinishedStateFiles();
-  if (!std::filesystem::exists(path, ignored)) return;
+  // Without a file no value of the helper's can be in place, and no entry
+  // is needed for them.
+  if (!std::filesystem::exists(path, ignored)) return RemoveRestoreEntry();
   std::ifstream file(path, std::ios::binary);
   std::string bytes;
   bytes.resize(kMaxProxyStateBytes + 1);
@@ -410,6 +416,7 @@ void RecoverSystemProxyAtStartup() {
   DesktopProxyState state;
   if (!ParseDesktopProxyState(bytes, state) || !OnlyKnownKeys(state)) {
     std::filesystem::remove(path, ignored);
+    RemoveRestoreEntry();
     HelperLog().Append(
         "Removed an unreadable saved proxy settings file; system proxy left as it is");
     return;
@@ -420,6 +427,7 @@ void RecoverSystemProxyAtStartup() {
   const bool readable = GSettingsLast() || KdeApplies();
   if (readable && CurrentMarker() != state.helper) {
     std::filesystem::remove(path, ignored);
+    RemoveRestoreEntry();
     HelperLog().Append(kChangedSinceSet);
     return;
   }

@@ -2,6 +2,7 @@
 
 #include "log/log_buffer.h"
 #include "sysproxy/proxy_server_value.h"
+#include "sysproxy/restore_entry.h"
 #include "sysproxy/system_proxy.h"
 
 namespace orvel {
@@ -121,7 +122,10 @@ bool EnableSystemProxy(int port, std::string& errorMessage) {
                        WriteString(key, L"ProxyServer", helperServer) &&
                        WriteString(key, L"ProxyOverride", kProxyBypassList);
   RegCloseKey(key);
-  if (written && NotifyProxySettingsChanged()) return true;
+  if (written && NotifyProxySettingsChanged()) {
+    CreateRestoreEntry();
+    return true;
+  }
   errorMessage = "Failed to enable Windows system proxy";
   return false;
 }
@@ -144,6 +148,7 @@ bool RestoreSystemProxy(std::string& errorMessage) {
     // Only now: a crash before this line leaves the file for the next helper,
     // which finds the user's ProxyServer back in place and leaves it.
     DeleteFileW(GetProxyStatePath().c_str());
+    RemoveRestoreEntry();
     return true;
   }
   errorMessage = "Failed to restore Windows system proxy";
@@ -156,10 +161,13 @@ void RecoverSystemProxyAtStartup() {
   // replaced, if any, is still whole.
   DeleteFileW((path + L".tmp").c_str());
   std::string bytes;
-  if (!ReadProxyStateFile(bytes)) return;
+  // Without a file no value of the helper's can be in place, and no entry
+  // is needed for them.
+  if (!ReadProxyStateFile(bytes)) return RemoveRestoreEntry();
   SavedProxyState state;
   if (!ParseProxyState(bytes, state)) {
     DeleteFileW(path.c_str());
+    RemoveRestoreEntry();
     HelperLog().Append(
         "Removed an unreadable saved proxy settings file; system proxy left as it is");
     return;
@@ -174,6 +182,7 @@ void RecoverSystemProxyAtStartup() {
   }
   if (currentServer != state.helperProxyServer) {
     DeleteFileW(path.c_str());
+    RemoveRestoreEntry();
     HelperLog().Append(
         "System proxy changed since the helper last set it; kept it and removed the saved proxy "
         "settings");

@@ -920,6 +920,9 @@ TEST_F(Helper, DesktopProxyIsSetAndEveryUserSettingComesBack) {
   const std::string defaults = ProxySettings();
   const std::string set2080 =
       "org.gnome.system.proxy.http host '127.0.0.1'\norg.gnome.system.proxy.http port 2080\n";
+  // The run-at-logon entry, there exactly while the helper's values are.
+  const fs::path autostart =
+      fs::path(std::getenv("XDG_CONFIG_HOME")) / "autostart/orvel-vpn-helper-restore-proxy.desktop";
   // The user's settings before, and the stops after each.
   const std::vector<std::vector<std::string>> users[] = {
       {},  // nothing of the user's: every key back at its default, no value left in dconf
@@ -936,6 +939,7 @@ TEST_F(Helper, DesktopProxyIsSetAndEveryUserSettingComesBack) {
     for (const auto& setting : user) Gsettings({"set", setting[0], setting[1], setting[2]});
     const std::string before = ProxySettings();
     ASSERT_EQ(Post("/start", Config()), kConnected);
+    EXPECT_TRUE(fs::exists(autostart));
     const std::string during = ProxySettings();
     for (const char* line :
          {"org.gnome.system.proxy mode 'manual'\n",
@@ -950,6 +954,7 @@ TEST_F(Helper, DesktopProxyIsSetAndEveryUserSettingComesBack) {
     EXPECT_NE(ProxySettings().find("org.gnome.system.proxy.http port 3000\n"), std::string::npos);
     EXPECT_EQ(Post("/stop"), kDisconnected);
     EXPECT_EQ(ProxySettings(), before);
+    EXPECT_FALSE(fs::exists(autostart));
     if (user.empty()) {
       EXPECT_EQ(ProxySettings(), defaults);
       EXPECT_EQ(std::get<1>(RunProgram("/usr/bin/dconf", {"dump", "/"})), "");
@@ -981,6 +986,22 @@ TEST_F(Helper, DesktopProxyIsSetAndEveryUserSettingComesBack) {
   ASSERT_EQ(Post("/start", Config()), kConnected);
   EXPECT_EQ(helper.EndWith(SIGTERM), 0);
   EXPECT_EQ(ProxySettings(), user);
+  EXPECT_FALSE(fs::exists(autostart));
+
+  // The entry's command changes nothing while a helper runs; after a crash
+  // it puts the user's values back at the next logon, and removes itself.
+  ASSERT_TRUE(Restart()) << helper.error;
+  ASSERT_EQ(Post("/start", Config()), kConnected);
+  const std::string entry = ReadFileBytes(autostart);
+  const std::size_t exec = entry.find("\nExec=") + 6;
+  const std::string command = entry.substr(exec, entry.find('\n', exec) - exec);
+  EXPECT_EQ(command, helper.ExePath().string() + " --restore-proxy");
+  EXPECT_EQ(std::get<0>(RunProgram("/bin/sh", {"-c", command})), 0u);
+  EXPECT_NE(ProxySettings().find(set2080), std::string::npos);
+  helper.Kill();
+  EXPECT_EQ(std::get<0>(RunProgram("/bin/sh", {"-c", command})), 0u);
+  EXPECT_EQ(ProxySettings(), user);
+  EXPECT_FALSE(fs::exists(autostart));
 
   // A recovery file that cannot be written costs the recovery, not the start.
   ASSERT_TRUE(Restart()) << helper.error;

@@ -223,6 +223,47 @@ TEST_F(Helper, KilledHelperTakesItsProcessesAlongAndTheNextPutsTheProxyBack) {
   fs::remove_all(DataFile(L"proxy-state.txt.tmp"));
 }
 
+// The user's values come back when the session ends under a running helper,
+// and at the next logon after a helper killed while they were set: Wine's
+// wineboot sends the session-end messages (-e) and runs HKCU's Run entries
+// (plain). Wine waits for ever on a window that never answers, so the
+// session end runs under RunProgram's time limit.
+TEST_F(Helper, SessionEndAndTheNextLogonPutTheUsersProxyBack) {
+  const auto runEntry = [] {
+    wchar_t text[1024] = {};
+    DWORD bytes = sizeof(text);
+    return RegGetValueW(HKEY_CURRENT_USER, L"Software\\Microsoft\\Windows\\CurrentVersion\\Run",
+                        L"OrvelVpnHelperRestoreProxy", RRF_RT_REG_SZ, nullptr, text,
+                        &bytes) == ERROR_SUCCESS
+               ? std::wstring(text)
+               : std::wstring();
+  };
+  wchar_t system[MAX_PATH] = {};
+  GetSystemDirectoryW(system, MAX_PATH);
+  const fs::path wineboot = fs::path(system) / L"wineboot.exe";
+  WriteProxyValues(kUserProxy);
+  ASSERT_EQ(Post("/start", Config()), kConnected);
+  EXPECT_EQ(runEntry(), L"\"" + helper.ExePath().wstring() + L"\" --restore-proxy");
+  EXPECT_EQ(std::get<0>(RunProgram(wineboot, {"--end-session"})), 0u);
+  EXPECT_EQ(ReadProxyValues(), kUserProxy);
+  EXPECT_EQ(CountCores(), 0);
+  EXPECT_EQ(runEntry(), L"");
+
+  ASSERT_TRUE(Restart()) << helper.error;
+  ASSERT_EQ(Post("/start", Config()), kConnected);
+  helper.Kill();
+  EXPECT_EQ(std::get<0>(RunProgram(wineboot, {})), 0u);
+  // Run entries start without being waited for; the one started ends by
+  // itself without serving.
+  for (int i = 0; i < 400 && (!runEntry().empty() || CountProcessesNamed(L"OrvelVpnHelper.exe"));
+       ++i) {
+    Sleep(25);
+  }
+  EXPECT_EQ(CountProcessesNamed(L"OrvelVpnHelper.exe"), 0);
+  EXPECT_EQ(runEntry(), L"");
+  EXPECT_EQ(ReadProxyValues(), kUserProxy);
+}
+
 // --- The service --------------------------------------------------------------
 
 using ScHandle = std::unique_ptr<std::remove_pointer_t<SC_HANDLE>, decltype(&CloseServiceHandle)>;

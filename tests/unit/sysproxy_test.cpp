@@ -5,6 +5,7 @@
 #include "sysproxy/desktop_proxy_state.h"
 #include "sysproxy/proxy_server_value.h"
 #include "sysproxy/proxy_state.h"
+#include "sysproxy/restore_entry.h"
 
 using namespace orvel;
 
@@ -72,4 +73,21 @@ TEST(DesktopProxyState, KeysValuesAndDefaultsReadBackAndNothingElse) {
     EXPECT_FALSE(ParseDesktopProxyState(bytes, parsed)) << bytes;
   }
   EXPECT_EQ(parsed, untouched);
+}
+
+TEST(RestoreEntry, QuotesThePathAsEachLauncherReadsItAndRefusesWhatNoLineCarries) {
+  EXPECT_EQ(BuildRestoreRunCommand(L"C:\\Program Files\\H.exe"),
+            L"\"C:\\Program Files\\H.exe\" --restore-proxy");
+  const std::pair<std::string, std::string> cases[] = {
+      {"/usr/libexec/helper", "Exec=/usr/libexec/helper --restore-proxy\n"},
+      {"/opt/a b/100%/$x\\y\"", "Exec=\"/opt/a b/100%%/\\\\$x\\\\\\\\y\\\\\"\" --restore-proxy\n"},
+      {"relative/helper", ""},
+      {"/opt/new\nline", ""}};
+  for (const auto& [path, exec] : cases) {
+    std::string text;
+    EXPECT_EQ(BuildRestoreDesktopEntry(path, text), !exec.empty()) << path;
+    EXPECT_EQ(text.find("\n" + exec + "Hidden=false\nNoDisplay=true\n") != std::string::npos,
+              !exec.empty())
+        << text;
+  }
 }
