@@ -36,6 +36,6 @@ windows_status=0
 wait "$windows" || windows_status=1
 echo "== windows"
 cat "$log"
-[ "$linux_status" = 0 ] && [ "$windows_status" = 0 ]
+if [ "$linux_status" != 0 ] || [ "$windows_status" != 0 ]; then exit 1; fi
 echo "== package"
 bash scripts/package-test.sh
