@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "core/config_guard.h"
+#include "core/core_output.h"
 #include "core/core_process.h"
 #include "core/data_files.h"
 #include "core/host_platform.h"
@@ -102,6 +103,22 @@ bool JudgeStartBody(const std::string& body, std::string& plainConfig, std::stri
   return true;
 }
 
+// A core that ended without a stop from here: the user's proxy no longer
+// leads anywhere, so it goes back at once, as on a stop, in a turn of its own
+// so that no command sees half of it. A start or stop that came first has
+// already replaced or stopped that core: then nothing is left to do.
+void ReactToCoreEnd(std::uint64_t generation, const CoreEnd& end) {
+  CommandTurn turn;
+  if (!ReleaseEndedCore(generation)) return;
+  // As after a stop, a failed restore has nobody to answer to.
+  std::string ignored;
+  RestoreSystemProxy(ignored);
+  RetireTrafficReader();
+  HelperLog().Append(std::string(ThisPlatform().coreExitedUnexpectedly) +
+                     (end.bySignal ? "(signal " : "(exit code ") + std::to_string(end.code) +
+                     "): " + SummarizeCoreOutput(end.lastOutput, kCoreOutputSummaryLimit));
+}
+
 // The rest of a start, in its turn. True when the core runs.
 bool ReplaceCore(const std::string& body, const std::string& plainConfig, std::string& answer) {
   std::string errorMessage;
@@ -121,7 +138,7 @@ bool ReplaceCore(const std::string& body, const std::string& plainConfig, std::s
     answer = Disconnected("Failed to write sing-box config");
     return false;
   }
-  if (!StartCore(configPath, errorMessage)) {
+  if (!StartCore(configPath, ReactToCoreEnd, errorMessage)) {
     HelperLog().Append(errorMessage);
     answer = Disconnected(errorMessage);
     return false;

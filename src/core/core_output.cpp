@@ -22,4 +22,9 @@ std::string SummarizeCoreOutput(std::string_view text, std::size_t limit) {
   return out.empty() ? std::string("<empty>") : out;
 }
 
+void KeepCoreOutputTail(std::string& tail, std::string_view more) {
+  tail.append(more);
+  if (tail.size() > kCoreOutputTailBytes) tail.erase(0, tail.size() - kCoreOutputTailBytes);
+}
+
 }  // namespace orvel

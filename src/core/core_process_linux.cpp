@@ -1,10 +1,14 @@
 #include "core/core_process_linux.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <mutex>
+#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -31,8 +35,20 @@ constexpr int kStopWaitMs = 3000;
 // and changed under RecordLock only, and never held while waiting on a core:
 // a stop takes the core out of the record first, a start puts it in once it
 // has survived its first 800 ms.
+//
+// While a core is in the record, only its watcher reaps it (the record's own
+// checks just look at the pidfd): a reap elsewhere would take the exit status
+// the watcher reports.
 std::mutex RecordLock;
 ChildProcess MainCore;
+// Counts the cores that entered the record; the watcher of a core knows its
+// own, so that it never mistakes a later core for the one it watched.
+std::uint64_t MainGeneration = 0;
+
+bool IsRecordedCore(std::uint64_t generation) {
+  std::lock_guard<std::mutex> hold(RecordLock);
+  return MainCore.pidfd >= 0 && MainGeneration == generation;
+}
 
 // SIGTERM, then SIGKILL after kStopWaitMs; reaps and forgets `core`.
 void StopChild(ChildProcess& core) {
@@ -47,10 +63,22 @@ void StopChild(ChildProcess& core) {
   ReleaseChild(core);
 }
 
-// The core logs to its output for as long as it runs. Closing the read end
-// would make its next line a SIGPIPE, which ends a Go program writing to
-// stderr; so the output is read and dropped until the core (and whatever it
-// started) has let go of the pipe.
+// Reads what is there now into `tail`; false once the pipe has ended.
+bool ReadIntoTail(int readEnd, std::string& tail) {
+  char buffer[4096];
+  for (;;) {
+    const ssize_t got = read(readEnd, buffer, sizeof(buffer));
+    if (got > 0) {
+      KeepCoreOutputTail(tail, std::string_view(buffer, static_cast<std::size_t>(got)));
+      continue;
+    }
+    if (got < 0 && errno == EINTR) continue;
+    return got < 0 && errno == EAGAIN;
+  }
+}
+
+// Reads and drops what comes until everything that holds the write end has
+// let go of it, then closes `readEnd`.
 void DiscardOutputUntilClosed(int readEnd) {
   const int flags = fcntl(readEnd, F_GETFL);
   if (flags >= 0) fcntl(readEnd, F_SETFL, flags & ~O_NONBLOCK);
@@ -60,6 +88,35 @@ void DiscardOutputUntilClosed(int readEnd) {
     if (got == 0 || (got < 0 && errno != EINTR)) break;
   }
   close(readEnd);
+}
+
+// The core's own thread, owning a pidfd and the (non-blocking) read end: keeps
+// the last of the core's output until the core ends, reaps it, and tells
+// `onEnd` unless the core has left the record (a stop). Then it goes on
+// reading: closing the read end would make the next line of anything the core
+// started a SIGPIPE, which ends a Go program writing to stderr.
+void WatchCore(int pidfd, int readEnd, std::uint64_t generation, CoreEndedHandler onEnd) {
+  CoreEnd end;
+  pollfd watched[2] = {{pidfd, POLLIN, 0}, {readEnd, POLLIN, 0}};
+  for (;;) {
+    const int ready = poll(watched, 2, -1);
+    if (ready < 0 && errno != EINTR) break;
+    if (ready <= 0) continue;
+    // A pipe that has ended leaves the set; the pidfd alone is waited for.
+    if (watched[1].revents != 0 && !ReadIntoTail(readEnd, end.lastOutput)) watched[1].fd = -1;
+    if ((watched[0].revents & POLLIN) != 0) break;
+  }
+  // Whatever it wrote just before the end is in the pipe now.
+  if (watched[1].fd >= 0) ReadIntoTail(readEnd, end.lastOutput);
+  siginfo_t info{};
+  if (waitid(P_PIDFD, static_cast<id_t>(pidfd), &info, WEXITED | WNOHANG) == 0 &&
+      info.si_pid != 0) {
+    end.bySignal = info.si_code != CLD_EXITED;
+    end.code = static_cast<std::uint32_t>(info.si_status);
+    if (IsRecordedCore(generation)) onEnd(generation, end);
+  }
+  close(pidfd);
+  DiscardOutputUntilClosed(readEnd);
 }
 
 }  // namespace
@@ -87,7 +144,8 @@ bool ResolveCoreToRun(std::filesystem::path& exe) {
 
 bool IsCoreRunning() {
   std::lock_guard<std::mutex> hold(RecordLock);
-  return MainCore.pidfd >= 0 && !WaitForChildExit(MainCore, 0);
+  pollfd ended{MainCore.pidfd, POLLIN, 0};
+  return MainCore.pidfd >= 0 && poll(&ended, 1, 0) == 0;
 }
 
 int DuplicateCorePidfd() {
@@ -104,7 +162,19 @@ void StopCore() {
   StopChild(core);
 }
 
-bool StartCore(const std::filesystem::path& configPath, std::string& errorMessage) {
+bool ReleaseEndedCore(std::uint64_t generation) {
+  ChildProcess core;
+  {
+    std::lock_guard<std::mutex> hold(RecordLock);
+    if (MainCore.pidfd < 0 || MainGeneration != generation) return false;
+    std::swap(core, MainCore);
+  }
+  ReleaseChild(core);
+  return true;
+}
+
+bool StartCore(const std::filesystem::path& configPath, CoreEndedHandler onEnd,
+               std::string& errorMessage) {
   std::filesystem::path exe;
   if (!ResolveCoreToRun(exe)) {
     errorMessage = ThisPlatform().coreNotFound;
@@ -130,13 +200,26 @@ bool StartCore(const std::filesystem::path& configPath, std::string& errorMessag
     return false;
   }
   // A core that dies sooner is answered sooner.
+  fcntl(readEnd, F_SETFL, O_NONBLOCK);
   if (!WaitForChildExit(child, kSurvivalWaitMs)) {
-    std::thread(DiscardOutputUntilClosed, readEnd).detach();
-    std::lock_guard<std::mutex> hold(RecordLock);
-    MainCore = child;
+    const int watched = fcntl(child.pidfd, F_DUPFD_CLOEXEC, 0);
+    if (watched < 0) {
+      // A core nobody watches would leave the user's proxy on a dead port.
+      close(readEnd);
+      StopChild(child);
+      errorMessage = "Failed to watch sing-box";
+      return false;
+    }
+    std::uint64_t generation = 0;
+    {
+      std::lock_guard<std::mutex> hold(RecordLock);
+      MainCore = child;
+      generation = ++MainGeneration;
+    }
+    // Nothing joins it: it ends after its core, however that ends.
+    std::thread(WatchCore, watched, readEnd, generation, onEnd).detach();
     return true;
   }
-  fcntl(readEnd, F_SETFL, O_NONBLOCK);
   const std::string output = DrainPipeOutput(readEnd);
   close(readEnd);
   StopChild(child);

@@ -1,7 +1,9 @@
 #include "core/core_process_win.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <mutex>
+#include <string_view>
 #include <utility>
 
 #include "core/child_launch_win.h"
@@ -27,6 +29,74 @@ constexpr DWORD kPipeChunkBytes = 4096;
 // has survived its first 800 ms.
 std::mutex RecordLock;
 CoreProcess MainCore;
+// Counts the cores that entered the record; the watcher of a core knows its
+// own, so that it never mistakes a later core for the one it watched.
+std::uint64_t MainGeneration = 0;
+
+bool IsRecordedCore(std::uint64_t generation) {
+  std::lock_guard<std::mutex> hold(RecordLock);
+  return MainCore.process != nullptr && MainGeneration == generation;
+}
+
+// What the core's watcher owns: a process handle and the pipe's read end of
+// its own.
+struct WatchedCore {
+  HANDLE process;
+  HANDLE output;
+  std::uint64_t generation;
+  CoreEndedHandler onEnd;
+};
+
+// The core's own thread: reads the core's output for as long as anything
+// holds the pipe, keeping the last of it (a pipe nobody reads would block the
+// core's next line once full), then waits for the process itself and tells
+// `onEnd` unless the core has left the record (a stop).
+DWORD WINAPI WatchCore(LPVOID parameter) {
+  const WatchedCore core = *static_cast<WatchedCore*>(parameter);
+  delete static_cast<WatchedCore*>(parameter);
+  CoreEnd end;
+  char buffer[kPipeChunkBytes];
+  DWORD got = 0;
+  // Fails (ERROR_BROKEN_PIPE) once the core and whatever it started have let
+  // go of the write end.
+  while (ReadFile(core.output, buffer, sizeof(buffer), &got, nullptr)) {
+    KeepCoreOutputTail(end.lastOutput, std::string_view(buffer, got));
+  }
+  CloseHandle(core.output);
+  WaitForSingleObject(core.process, INFINITE);
+  DWORD exitCode = 0;
+  GetExitCodeProcess(core.process, &exitCode);
+  CloseHandle(core.process);
+  end.code = exitCode;
+  if (IsRecordedCore(core.generation)) core.onEnd(core.generation, end);
+  return 0;
+}
+
+// Starts the watcher of the core just recorded as `generation`; it takes
+// `output` in every case. False when it could not start.
+bool StartWatcher(HANDLE process, HANDLE output, std::uint64_t generation, CoreEndedHandler onEnd) {
+  HANDLE own = nullptr;
+  if (!DuplicateHandle(GetCurrentProcess(), process, GetCurrentProcess(), &own, 0, FALSE,
+                       DUPLICATE_SAME_ACCESS)) {
+    CloseHandle(output);
+    return false;
+  }
+  // A plain Windows thread, not a detached std::thread: the MinGW threads
+  // library races when it recycles a detached thread's record. Nothing joins
+  // it; it ends after its core. It needs little stack.
+  constexpr SIZE_T kWatcherStackBytes = 64 * 1024;
+  auto* watched = new WatchedCore{own, output, generation, onEnd};
+  HANDLE thread = CreateThread(nullptr, kWatcherStackBytes, WatchCore, watched,
+                               STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
+  if (thread == nullptr) {
+    delete watched;
+    CloseHandle(own);
+    CloseHandle(output);
+    return false;
+  }
+  CloseHandle(thread);
+  return true;
+}
 
 bool IsStillActive(HANDLE process) {
   DWORD exitCode = 0;
@@ -96,7 +166,19 @@ void StopCore() {
   StopProcess(core);
 }
 
-bool StartCore(const std::filesystem::path& config, std::string& errorMessage) {
+bool ReleaseEndedCore(std::uint64_t generation) {
+  CoreProcess core;
+  {
+    std::lock_guard<std::mutex> hold(RecordLock);
+    if (MainCore.process == nullptr || MainGeneration != generation) return false;
+    std::swap(core, MainCore);
+  }
+  StopProcess(core);
+  return true;
+}
+
+bool StartCore(const std::filesystem::path& config, CoreEndedHandler onEnd,
+               std::string& errorMessage) {
   const std::wstring exe = FindCoreExecutable().wstring();
   const std::wstring& configPath = config.native();
   if (exe.empty()) {
@@ -128,12 +210,17 @@ bool StartCore(const std::filesystem::path& config, std::string& errorMessage) {
   Sleep(kSurvivalWaitMs);
 
   if (IsStillActive(core.process)) {
-    // Nobody reads the core's output from here on; the pipe exists only to
-    // explain a core that dies at once.
-    CloseHandle(readEnd);
-    std::lock_guard<std::mutex> hold(RecordLock);
-    MainCore = core;
-    return true;
+    std::uint64_t generation = 0;
+    {
+      std::lock_guard<std::mutex> hold(RecordLock);
+      MainCore = core;
+      generation = ++MainGeneration;
+    }
+    if (StartWatcher(core.process, readEnd, generation, onEnd)) return true;
+    // A core nobody watches would leave the user's proxy on a dead port.
+    StopCore();
+    errorMessage = "Failed to watch sing-box.exe";
+    return false;
   }
   WaitForSingleObject(core.process, kExitSettleWaitMs);
   const std::string output = DrainPipeOutput(readEnd);

@@ -18,10 +18,11 @@ struct HostPlatform {
   std::string_view running;
   std::string_view idle;
   std::string_view tunStartedLog;
-  std::string_view coreNotFound;           // the start's message
-  std::string_view coreLaunchFailed;       // followed by the system's error number
-  std::string_view coreExitedImmediately;  // followed by the core's output, summarised
-  std::string_view testCoreNotFound;       // a URL test node's output
+  std::string_view coreNotFound;            // the start's message
+  std::string_view coreLaunchFailed;        // followed by the system's error number
+  std::string_view coreExitedImmediately;   // followed by the core's output, summarised
+  std::string_view coreExitedUnexpectedly;  // followed by "(exit code N): " and the summary
+  std::string_view testCoreNotFound;        // a URL test node's output
   PathRules pathRules;
 };
 

@@ -14,6 +14,7 @@ const HostPlatform& ThisPlatform() {
       "sing-box not found; place it next to the helper or in the data directory",
       "Failed to start sing-box: ",
       "sing-box exited immediately: ",
+      "sing-box exited unexpectedly ",
       "sing-box not found",
       PathRules::kLinux,
   };

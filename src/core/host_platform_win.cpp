@@ -14,6 +14,7 @@ const HostPlatform& ThisPlatform() {
       "sing-box.exe not found; place it next to the app exe or in the data directory",
       "Failed to start sing-box.exe: ",
       "sing-box.exe exited immediately: ",
+      "sing-box.exe exited unexpectedly ",
       "sing-box.exe not found",
       PathRules::kWindows,
   };

@@ -1,7 +1,6 @@
 #include <errno.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -69,12 +68,7 @@ void ReadTrafficStream(int core, std::uint64_t generation) {
     if (poll(&ended, 1, pauseMs) != 0 || !IsCurrentTrafficReader(generation)) break;
     pauseMs = std::min(pauseMs * 2, static_cast<int>(kTrafficReaderMaxRetryMs));
   }
-  // A core that died by itself is reaped here, at once, rather than left a
-  // zombie until the next command asks about it.
-  siginfo_t info{};
-  if ((ended.revents & POLLIN) != 0) {
-    waitid(P_PIDFD, static_cast<id_t>(core), &info, WEXITED | WNOHANG);
-  }
+  // The core's own watcher reaps it (and reports how it ended): never here.
   close(core);
   StoreTrafficSample(generation, {});
 }

@@ -10,6 +10,7 @@
 //   "fatal3"                 three coloured FATAL lines ("\n" ends), exit 1
 //   "silent"                 no output, exit 1
 //   "die-after-N"            as absent for N ms, then exit 1 (N decimal)
+//   "exit3-after-N"          two lines on stderr at once, exit 3 after N ms
 //   "relay-N"                as absent, and relays every connection to
 //                            127.0.0.1:N on to the helper's port, as the real
 //                            core's mixed inbound does for a CONNECT
@@ -223,6 +224,11 @@ int RunCoreMode(const std::vector<std::string>& args) {
     return 1;
   }
   if (behaviour == "silent") return 1;
+  if (behaviour.starts_with("exit3-after-")) {
+    WriteStderr("FATAL[0001] out of memory\nFATAL[0001] runtime: cannot allocate\n");
+    SleepMs(std::strtoul(behaviour.c_str() + 12, nullptr, 10));
+    return 3;
+  }
   StartControllerIfConfigured(config);
   if (behaviour.starts_with("relay-")) {
     StartRelay(static_cast<unsigned short>(std::strtoul(behaviour.c_str() + 6, nullptr, 10)));

@@ -111,7 +111,7 @@ TEST_F(Helper, CoreIsSearchedBesideTheExeThenInDataThenOnPath) {
   helper.Stop();
 }
 
-TEST_F(Helper, FailedStartsLeaveNothingBehind) {
+TEST_F(Helper, FailedStartsAndCoresThatDieLeaveNothingBehind) {
   // The double's three lines, as they appear in the JSON answer.
   std::string red;
   for (const char* line : {"[0000] decode config: json: unknown field \\\"x-test-double\\\"",
@@ -133,10 +133,28 @@ TEST_F(Helper, FailedStartsLeaveNothingBehind) {
   EXPECT_TRUE(LogHasLine(exited + "<empty>"));
   ExpectUserProxyUntouched();
 
-  // Nobody watches a core that dies later: status turns idle.
-  ASSERT_EQ(Post("/start-tun", Config("die-after-1000")), kTunConnected);
-  EXPECT_EQ(WaitUntilNoCore(20000), 0);
-  EXPECT_EQ(Status(), kIdle);
+  // A core that dies later, killed from outside or by itself, is noticed at
+  // once: its end and last output are logged, the user's proxy is back and
+  // the next start works.
+  const std::pair<std::string, std::string_view> ends[] = {{"exit3-after-60000", kKilledCoreEnd},
+                                                           {"exit3-after-1000", "(exit code 3)"}};
+  for (const auto& [behaviour, end] : ends) {
+    SCOPED_TRACE(behaviour);
+    ASSERT_EQ(Post("/start", Config(behaviour)), kConnected);
+    if (end == kKilledCoreEnd) KillCores();
+    const std::string line = std::string(ThisPlatform().coreExitedUnexpectedly) + std::string(end) +
+                             ": FATAL[0001] out of memory FATAL[0001] runtime: cannot allocate ";
+    const std::uint64_t deadline = NowMs() + 2000;
+    while (!LogHasLine(line) && NowMs() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    EXPECT_TRUE(LogHasLine(line)) << Logs();
+    ResetTestRecords();  // the start's announcements are not the point here
+    ExpectUserProxyUntouched();
+    EXPECT_EQ(Status(), kIdle);
+  }
+  EXPECT_EQ(Post("/start", Config()), kConnected);
+  EXPECT_EQ(Post("/stop"), kDisconnected);
 }
 
 // Real clients overlap: a double click on "connect", a reconnect racing the

@@ -67,9 +67,12 @@ inline int CountCores() {
   return count;
 }
 
+// SIGKILL to every core double, as the out-of-memory killer would; the helper
+// reports such an end as kKilledCoreEnd.
 inline void KillCores() {
   ForEachCore([](pid_t pid) { kill(pid, SIGKILL); });
 }
+inline constexpr std::string_view kKilledCoreEnd = "(signal 9)";
 
 // Starts `exe` with `arguments` in `directory`, output to `out` and `err`
 // (or /dev/null), no other descriptor of ours; its pid, or -1.

@@ -126,6 +126,11 @@ inline void KillProcessesNamed(const wchar_t* exeName) {
   });
 }
 
+// Ends every core double from outside, as a task manager would; the helper
+// reports such an end as kKilledCoreEnd.
+inline void KillCores() { KillProcessesNamed(L"sing-box.exe"); }
+inline constexpr std::string_view kKilledCoreEnd = "(exit code 1)";
+
 inline RegValue Absent() { return RegValue{}; }
 
 inline RegValue Dword(DWORD number) {

@@ -199,6 +199,10 @@ TEST(SummarizeCoreOutput, FlattensBreaksAndTabsAndCutsAtTheLimit) {
   EXPECT_EQ(SummarizeCoreOutput(x899 + "x", 900), x899 + "x...");
   EXPECT_EQ(SummarizeCoreOutput("ab\n\n", 3), "ab ...");
   EXPECT_EQ(SummarizeCoreOutput("anything", 0), "a...");
+  // What a running core wrote is kept from its end backwards.
+  std::string tail(4000, 'a');
+  KeepCoreOutputTail(tail, std::string(200, 'b'));
+  EXPECT_EQ(tail, std::string(3896, 'a') + std::string(200, 'b'));
 }
 
 TEST(FindMixedInboundPort, ReadsTheTaggedInboundPort) {
