@@ -24,10 +24,13 @@ can_run() {
   [ "$(id -u)" -eq 0 ] || { echo "not root"; return 1; }
   [ -z "${ORVEL_FRESH_ROOT:-}" ] || { echo "already inside a fresh root"; return 1; }
   command -v chroot >/dev/null || { echo "no chroot command"; return 1; }
-  if ! command -v debootstrap >/dev/null; then
-    { apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq debootstrap; } \
-      >/dev/null 2>&1 || { echo "debootstrap cannot be installed"; return 1; }
-  fi
+  # debootstrap makes the root and git clones the project into it; a new
+  # machine has neither.
+  for tool in debootstrap git; do
+    command -v "$tool" >/dev/null && continue
+    { apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "$tool"; } \
+      >/dev/null 2>&1 || { echo "$tool cannot be installed"; return 1; }
+  done
   local probe
   probe=$(mktemp -d /var/tmp/orvel-mount-probe.XXXX)
   if ! mount -t tmpfs none "$probe" 2>/dev/null; then

@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(cmake ninja-build g++ g++-mingw-w64-x86-64-posix wine wine64 googletest clang libclang-rt-14-dev
   nlohmann-json3-dev curl pkg-config libsystemd-dev systemd nodejs passwd util-linux
   libglib2.0-dev libglib2.0-bin dbus dconf-gsettings-backend dconf-cli gsettings-desktop-schemas
-  libkf5config-bin iproute2 nsis xvfb)
+  libkf5config-bin iproute2 nsis xvfb git)
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
