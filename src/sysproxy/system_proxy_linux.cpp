@@ -1,56 +1,22 @@
-#include <fcntl.h>
 #include <gio/gio.h>
-// Only to tell which backend GSettings uses (a memory backend keeps nothing).
-#define G_SETTINGS_ENABLE_BACKEND
-#include <gio/gsettingsbackend.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <system_error>
 #include <vector>
 
-#include "core/data_files.h"
-#include "core/paths.h"
 #include "core/run_mode.h"
 #include "log/log_buffer.h"
+#include "sysproxy/desktop_proxy_linux.h"
 #include "sysproxy/desktop_proxy_state.h"
 #include "sysproxy/proxy_state.h"
 #include "sysproxy/restore_entry.h"
 #include "sysproxy/system_proxy.h"
 
-extern char** environ;
-
 namespace orvel {
 
 namespace {
-
-// The desktop's proxy settings: GSettings org.gnome.system.proxy (GNOME,
-// Cinnamon, Budgie, and every GTK and Chromium program on any desktop), and on
-// KDE Plasma also kioslaverc's [Proxy Settings] (KDE programs).
-constexpr const char* kProxySchema = "org.gnome.system.proxy";
-struct GKey {
-  const char* schema;
-  const char* key;
-};
-constexpr GKey kGKeys[] = {
-    {"org.gnome.system.proxy", "mode"},         {"org.gnome.system.proxy", "autoconfig-url"},
-    {"org.gnome.system.proxy", "ignore-hosts"}, {"org.gnome.system.proxy", "use-same-proxy"},
-    {"org.gnome.system.proxy.http", "host"},    {"org.gnome.system.proxy.http", "port"},
-    {"org.gnome.system.proxy.https", "host"},   {"org.gnome.system.proxy.https", "port"},
-    {"org.gnome.system.proxy.socks", "host"},   {"org.gnome.system.proxy.socks", "port"},
-};
-constexpr const char* kKdeKeys[] = {"ProxyType", "httpProxy", "httpsProxy", "socksProxy",
-                                    "NoProxyFor"};
-// What kreadconfig prints for a key that is not there (it cannot tell
-// absent from empty otherwise).
-constexpr const char* kKdeAbsent = "\x01orvel-absent";
 
 struct DesktopProxy {
   bool saved = false;
@@ -64,103 +30,6 @@ struct DesktopProxy {
 constexpr const char* kChangedSinceSet =
     "System proxy changed since the helper last set it; kept it and removed the saved proxy "
     "settings";
-
-std::string GKeyName(const GKey& key) {
-  return std::string("gsettings:") + key.schema + ":" + key.key;
-}
-
-// One GSettings object per schema, released with the record.
-struct SchemaSettings {
-  GSettings* settings = nullptr;
-  explicit SchemaSettings(const char* schema) : settings(g_settings_new(schema)) {}
-  ~SchemaSettings() { g_object_unref(settings); }
-  SchemaSettings(const SchemaSettings&) = delete;
-  SchemaSettings& operator=(const SchemaSettings&) = delete;
-};
-
-bool KdeApplies() {
-  const char* desktops = std::getenv("XDG_CURRENT_DESKTOP");
-  const std::string list = std::string(":") + (desktops != nullptr ? desktops : "") + ":";
-  return list.find(":KDE:") != std::string::npos;
-}
-
-bool SchemaInstalled() {
-  GSettingsSchemaSource* source = g_settings_schema_source_get_default();
-  GSettingsSchema* schema =
-      source != nullptr ? g_settings_schema_source_lookup(source, kProxySchema, TRUE) : nullptr;
-  if (schema == nullptr) return false;
-  g_settings_schema_unref(schema);
-  return true;
-}
-
-// GSettings keeps what is written only with a session bus and a lasting
-// backend (dconf); the memory backend takes every write and forgets it.
-bool GSettingsLast() {
-  GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
-  if (bus == nullptr) return false;
-  g_object_unref(bus);
-  GSettingsBackend* backend = g_settings_backend_get_default();
-  const std::string type = G_OBJECT_TYPE_NAME(backend);
-  g_object_unref(backend);
-  return type != "GMemorySettingsBackend" && type != "GNullSettingsBackend";
-}
-
-// Runs kreadconfig/kwriteconfig (the session's version) and returns its
-// output without the last line feed; false when it did not exit 0.
-bool RunKdeConfig(bool write, std::vector<std::string> arguments, std::string& output) {
-  const char* version = std::getenv("KDE_SESSION_VERSION");
-  const std::string tool = std::string(write ? "kwriteconfig" : "kreadconfig") +
-                           (version != nullptr && std::string(version) == "6" ? "6" : "5");
-  arguments.insert(arguments.begin(), {tool, "--file", "kioslaverc", "--group", "Proxy Settings"});
-  std::vector<char*> argv;
-  for (std::string& argument : arguments) argv.push_back(argument.data());
-  argv.push_back(nullptr);
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) return false;
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
-  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-  pid_t pid = -1;
-  const bool spawned = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0;
-  posix_spawn_file_actions_destroy(&actions);
-  close(ends[1]);
-  output.clear();
-  char chunk[4096];
-  for (ssize_t got; spawned && (got = read(ends[0], chunk, sizeof(chunk))) > 0;) {
-    output.append(chunk, static_cast<std::size_t>(got));
-  }
-  close(ends[0]);
-  int status = 0;
-  if (!spawned || waitpid(pid, &status, 0) != pid) return false;
-  if (!output.empty() && output.back() == '\n') output.pop_back();
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
-bool ReadKdeKey(const char* key, DesktopProxySetting& setting) {
-  std::string value;
-  if (!RunKdeConfig(false, {"--key", key, "--default", kKdeAbsent}, value)) return false;
-  setting = {std::string("kde:") + key, value == kKdeAbsent, value == kKdeAbsent ? "" : value};
-  return true;
-}
-
-// The value after "--": a user's list may begin with "-", which the tool
-// would otherwise take for its own options and refuse.
-bool WriteKdeKey(const std::string& key, const DesktopProxySetting& value) {
-  std::string ignored;
-  return value.isDefault ? RunKdeConfig(true, {"--key", key, "--delete"}, ignored)
-                         : RunKdeConfig(true, {"--key", key, "--", value.text}, ignored);
-}
-
-// Running KDE programs read kioslaverc again; nobody listening is no error.
-void TellKdeProgramsToReread() {
-  GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
-  if (bus == nullptr) return;
-  g_dbus_connection_emit_signal(bus, nullptr, "/KIO/Scheduler", "org.kde.KIO.Scheduler",
-                                "reparseSlaveConfiguration", g_variant_new("(s)", ""), nullptr);
-  g_dbus_connection_flush_sync(bus, nullptr, nullptr);
-  g_object_unref(bus);
-}
 
 // Writes `wanted` (GSettings keys and KDE keys) in one delayed-apply
 // transaction per schema, syncs, and reads every GSettings key back.
@@ -247,52 +116,6 @@ bool OnlyKnownKeys(const DesktopProxyState& state) {
     if (!known) return false;
   }
   return true;
-}
-
-std::filesystem::path StatePath() { return GetDataDirectory() / "proxy-state.txt"; }
-
-// Whole under a temporary name of its own, synced, then renamed over the old
-// one. The name is new each time and created with O_EXCL (mkostemp), so no
-// file or link that someone left under a known name is ever written through.
-bool WriteStateFile(const DesktopProxyState& state, std::string& reason) {
-  const std::string bytes = EncodeDesktopProxyState(state);
-  std::string directoryError;
-  if (!CreateDirectoryTree(GetDataDirectory(), directoryError)) {
-    reason = "data directory: " + directoryError;
-    return false;
-  }
-  const std::filesystem::path path = StatePath();
-  std::string temporary = path.string() + ".XXXXXX";
-  const int file = mkostemp(temporary.data(), O_CLOEXEC);
-  const bool written =
-      file >= 0 && write(file, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()) &&
-      fsync(file) == 0;
-  const int error = errno;
-  if (file >= 0) close(file);
-  std::error_code ec;
-  if (written) std::filesystem::rename(temporary, path, ec);
-  if (written && !ec) return true;
-  reason = std::string(file < 0  ? "create"
-                       : written ? "rename"
-                                 : "write") +
-           ": " + std::system_category().message(ec ? ec.value() : error);
-  if (file >= 0) std::filesystem::remove(temporary, ec);
-  return false;
-}
-
-// The temporary files of writes that a helper did not finish
-// ("proxy-state.txt.XXXXXX"); the file each would have replaced, if any, is
-// still whole.
-void RemoveUnfinishedStateFiles() {
-  const std::string prefix = StatePath().filename().string() + ".";
-  std::error_code ec;
-  for (std::filesystem::directory_iterator entry(GetDataDirectory(), ec);
-       !ec && entry != std::filesystem::directory_iterator(); entry.increment(ec)) {
-    std::error_code ignored;
-    if (entry->path().filename().string().starts_with(prefix)) {
-      std::filesystem::remove(entry->path(), ignored);
-    }
-  }
 }
 
 }  // namespace

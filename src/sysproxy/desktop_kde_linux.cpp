@@ -1,0 +1,85 @@
+#include <fcntl.h>
+#include <gio/gio.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "sysproxy/desktop_proxy_linux.h"
+
+extern char** environ;
+
+namespace orvel {
+
+namespace {
+
+// What kreadconfig prints for a key that is not there (it cannot tell
+// absent from empty otherwise).
+constexpr const char* kKdeAbsent = "\x01orvel-absent";
+
+// Runs kreadconfig/kwriteconfig (the session's version) and returns its
+// output without the last line feed; false when it did not exit 0.
+bool RunKdeConfig(bool write, std::vector<std::string> arguments, std::string& output) {
+  const char* version = std::getenv("KDE_SESSION_VERSION");
+  const std::string tool = std::string(write ? "kwriteconfig" : "kreadconfig") +
+                           (version != nullptr && std::string(version) == "6" ? "6" : "5");
+  arguments.insert(arguments.begin(), {tool, "--file", "kioslaverc", "--group", "Proxy Settings"});
+  std::vector<char*> argv;
+  for (std::string& argument : arguments) argv.push_back(argument.data());
+  argv.push_back(nullptr);
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) return false;
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+  pid_t pid = -1;
+  const bool spawned = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0;
+  posix_spawn_file_actions_destroy(&actions);
+  close(ends[1]);
+  output.clear();
+  char chunk[4096];
+  for (ssize_t got; spawned && (got = read(ends[0], chunk, sizeof(chunk))) > 0;) {
+    output.append(chunk, static_cast<std::size_t>(got));
+  }
+  close(ends[0]);
+  int status = 0;
+  if (!spawned || waitpid(pid, &status, 0) != pid) return false;
+  if (!output.empty() && output.back() == '\n') output.pop_back();
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+}  // namespace
+
+bool KdeApplies() {
+  const char* desktops = std::getenv("XDG_CURRENT_DESKTOP");
+  const std::string list = std::string(":") + (desktops != nullptr ? desktops : "") + ":";
+  return list.find(":KDE:") != std::string::npos;
+}
+
+bool ReadKdeKey(const char* key, DesktopProxySetting& setting) {
+  std::string value;
+  if (!RunKdeConfig(false, {"--key", key, "--default", kKdeAbsent}, value)) return false;
+  setting = {std::string("kde:") + key, value == kKdeAbsent, value == kKdeAbsent ? "" : value};
+  return true;
+}
+
+bool WriteKdeKey(const std::string& key, const DesktopProxySetting& value) {
+  std::string ignored;
+  return value.isDefault ? RunKdeConfig(true, {"--key", key, "--delete"}, ignored)
+                         : RunKdeConfig(true, {"--key", key, "--", value.text}, ignored);
+}
+
+void TellKdeProgramsToReread() {
+  GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
+  if (bus == nullptr) return;
+  g_dbus_connection_emit_signal(bus, nullptr, "/KIO/Scheduler", "org.kde.KIO.Scheduler",
+                                "reparseSlaveConfiguration", g_variant_new("(s)", ""), nullptr);
+  g_dbus_connection_flush_sync(bus, nullptr, nullptr);
+  g_object_unref(bus);
+}
+
+}  // namespace orvel
