@@ -1,6 +1,7 @@
 #include "sysproxy/desktop_proxy_state.h"
 
 #include "sysproxy/proxy_state.h"
+#include "sysproxy/state_text_escape.h"
 
 namespace orvel {
 
@@ -10,40 +11,15 @@ constexpr std::string_view kHeaderLine = "orvel-desktop-proxy-state 1";
 constexpr std::string_view kEndLine = "end";
 
 void AppendEscaped(std::string& out, std::string_view text) {
-  static constexpr char kHex[] = "0123456789ABCDEF";
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte >= 0x20 && byte <= 0x7E && byte != '%') {
-      out += c;
-    } else {
-      out += '%';
-      out += kHex[byte >> 4];
-      out += kHex[byte & 0xF];
-    }
-  }
-}
-
-int HexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
+  for (const char c : text) AppendEscapedUnit(out, static_cast<unsigned char>(c), 2);
 }
 
 bool Unescape(std::string_view text, std::string& out) {
   out.clear();
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    if (byte < 0x20 || byte > 0x7E) return false;
-    if (byte != '%') {
-      out += text[i];
-      continue;
-    }
-    if (text.size() - i < 3) return false;
-    const int high = HexDigit(text[i + 1]);
-    const int low = HexDigit(text[i + 2]);
-    if (high < 0 || low < 0) return false;
-    out += static_cast<char>(high * 16 + low);
-    i += 2;
+  for (std::size_t at = 0; at < text.size();) {
+    std::uint32_t byte = 0;
+    if (!TakeEscapedUnit(text, at, 2, byte)) return false;
+    out += static_cast<char>(byte);
   }
   return true;
 }

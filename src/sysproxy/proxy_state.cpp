@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "sysproxy/state_text_escape.h"
+
 namespace orvel {
 
 namespace {
@@ -10,18 +12,11 @@ constexpr std::string_view kHeaderLine = "orvel-proxy-state 1";
 constexpr std::string_view kEndLine = "end";
 
 void AppendText(std::string& out, const std::wstring& text) {
-  static constexpr char kHex[] = "0123456789ABCDEF";
   for (const wchar_t c : text) {
     // Where wchar_t is wider than 16 bits (native test builds only) a unit
     // that cannot be written is replaced; Windows strings always fit.
     const std::uint32_t wide = static_cast<std::uint32_t>(c);
-    const unsigned unit = (wide >> 16) != 0 ? 0xFFFDu : static_cast<unsigned>(wide);
-    if (unit >= 0x20 && unit <= 0x7E && unit != '%') {
-      out.push_back(static_cast<char>(unit));
-      continue;
-    }
-    out.push_back('%');
-    for (int shift = 12; shift >= 0; shift -= 4) out.push_back(kHex[(unit >> shift) & 0xF]);
+    AppendEscapedUnit(out, (wide >> 16) != 0 ? 0xFFFDu : wide, 4);
   }
 }
 
@@ -45,31 +40,12 @@ bool TakeField(std::string_view& rest, std::string_view key, std::string_view& v
   return true;
 }
 
-int HexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
 bool DecodeText(std::string_view text, std::wstring& out) {
   out.clear();
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const unsigned char c = static_cast<unsigned char>(text[i]);
-    if (c == '%') {
-      if (text.size() - i < 5) return false;
-      unsigned unit = 0;
-      for (std::size_t k = 1; k <= 4; ++k) {
-        const int digit = HexDigit(text[i + k]);
-        if (digit < 0) return false;
-        unit = unit * 16 + static_cast<unsigned>(digit);
-      }
-      out.push_back(static_cast<wchar_t>(unit));
-      i += 4;
-    } else if (c >= 0x20 && c <= 0x7E) {
-      out.push_back(static_cast<wchar_t>(c));
-    } else {
-      return false;
-    }
+  for (std::size_t at = 0; at < text.size();) {
+    std::uint32_t unit = 0;
+    if (!TakeEscapedUnit(text, at, 4, unit)) return false;
+    out.push_back(static_cast<wchar_t>(unit));
   }
   return true;
 }
