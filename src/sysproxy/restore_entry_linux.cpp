@@ -1,5 +1,3 @@
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -37,18 +35,10 @@ void CreateRestoreEntry() {
     return;
   }
   // Never through a link someone left in its place, and never blocking on a
-  // FIFO; anything but a regular file is left alone.
-  const int file = open((directory / kRestoreDesktopFileName).c_str(),
-                        O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
-  if (file < 0) return;
-  struct stat info {};
-  if (fstat(file, &info) == 0 && S_ISREG(info.st_mode) && ftruncate(file, 0) == 0) {
-    // A short write leaves a file no launcher runs; the recovery at the next
-    // helper start still covers it.
-    ssize_t written = write(file, text.data(), text.size());
-    static_cast<void>(written);
-  }
-  close(file);
+  // FIFO; anything but a regular file is left alone. A short write leaves a
+  // file no launcher runs; the recovery at the next helper start still
+  // covers it.
+  WriteWholeFile(directory / kRestoreDesktopFileName, text);
 }
 
 void RemoveRestoreEntry() {

@@ -100,12 +100,12 @@ void HandleUrlTest(SocketHandle socket, const std::string& body) {
     return;
   }
   session.configPath = MakeUrlTestConfigPath();
-  std::string writeError;
+  SystemError writeError;
   // The service hands the core the guard's own reading, never the caller's
   // bytes (see JudgeServiceConfig).
   const std::string& config = IsRunningAsService() ? plainConfig : request.config;
-  if (!WriteFileBytes(session.configPath, config, writeError)) {
-    HelperLog().Append("URLTest failed to write config: " + writeError);
+  if (!WriteWholeFile(session.configPath, config, writeError)) {
+    HelperLog().Append("URLTest failed to write config: " + DescribeSystemError(writeError));
     SendEmptyAnswer(socket);
     return;
   }

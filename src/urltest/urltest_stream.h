@@ -41,14 +41,6 @@ void HandleUrlTest(SocketHandle socket, const std::string& body);
 // helper run, so concurrent sessions never share a file.
 std::filesystem::path MakeUrlTestConfigPath();
 
-// Creates or truncates the file and writes all of `content`. On failure
-// `error` names the call that failed and the system's error number
-// ("CreateFile failed: <code>", "WriteFile failed: <code>", "CloseHandle
-// failed: <code>"; the same words with errno on Linux); a partly written file
-// is left in place.
-bool WriteFileBytes(const std::filesystem::path& path, const std::string& content,
-                    std::string& error);
-
 // One worker: claims nodes in body order until none is left or the test is cancelled.
 void UrlTestWorker(UrlTestSession& session);
 
