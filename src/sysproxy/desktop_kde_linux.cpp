@@ -52,6 +52,29 @@ bool RunKdeConfig(bool write, std::vector<std::string> arguments, std::string& o
   return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
+bool ReadKdeKey(const char* key, DesktopProxySetting& setting) {
+  std::string value;
+  if (!RunKdeConfig(false, {"--key", key, "--default", kKdeAbsent}, value)) return false;
+  setting = {std::string("kde:") + key, value == kKdeAbsent, value == kKdeAbsent ? "" : value};
+  return true;
+}
+
+// The value after "--": a user's list may begin with "-", which the tool
+// would otherwise take for its own options and refuse.
+bool WriteKdeKey(const std::string& key, const DesktopProxySetting& value) {
+  std::string ignored;
+  return value.isDefault ? RunKdeConfig(true, {"--key", key, "--delete"}, ignored)
+                         : RunKdeConfig(true, {"--key", key, "--", value.text}, ignored);
+}
+
+// The log's words for a tool that did not do its part.
+std::string KdeToolFailure(bool write, const std::string& key) {
+  const char* version = std::getenv("KDE_SESSION_VERSION");
+  return std::string(write ? "kwriteconfig" : "kreadconfig") +
+         (version != nullptr && std::string(version) == "6" ? "6" : "5") + " --key " + key +
+         " failed (not started, or it did not exit 0)";
+}
+
 }  // namespace
 
 bool KdeApplies() {
@@ -60,17 +83,42 @@ bool KdeApplies() {
   return list.find(":KDE:") != std::string::npos;
 }
 
-bool ReadKdeKey(const char* key, DesktopProxySetting& setting) {
-  std::string value;
-  if (!RunKdeConfig(false, {"--key", key, "--default", kKdeAbsent}, value)) return false;
-  setting = {std::string("kde:") + key, value == kKdeAbsent, value == kKdeAbsent ? "" : value};
+bool ReadKdeKeys(std::vector<DesktopProxySetting>& settings, std::string& cause) {
+  for (const char* key : kKdeKeys) {
+    DesktopProxySetting setting;
+    if (!ReadKdeKey(key, setting)) {
+      cause = KdeToolFailure(false, key);
+      return false;
+    }
+    settings.push_back(setting);
+  }
   return true;
 }
 
-bool WriteKdeKey(const std::string& key, const DesktopProxySetting& value) {
-  std::string ignored;
-  return value.isDefault ? RunKdeConfig(true, {"--key", key, "--delete"}, ignored)
-                         : RunKdeConfig(true, {"--key", key, "--", value.text}, ignored);
+bool WriteKdeKeys(const std::vector<DesktopProxySetting>& wanted, std::string& cause) {
+  bool stuck = true;
+  for (const DesktopProxySetting& setting : wanted) {
+    if (!setting.key.starts_with("kde:")) continue;
+    const std::string key = setting.key.substr(4);
+    if (!WriteKdeKey(key, setting) && stuck) {
+      cause = KdeToolFailure(true, key);
+      stuck = false;
+    }
+  }
+  return stuck;
+}
+
+std::string KdeHttpProxy() {
+  DesktopProxySetting http;
+  return ReadKdeKey("httpProxy", http) && !http.isDefault ? http.text : "";
+}
+
+void AddHelperKdeKeys(std::vector<DesktopProxySetting>& wanted, const std::string& at) {
+  wanted.push_back({"kde:ProxyType", false, "1"});
+  wanted.push_back({"kde:httpProxy", false, "http://" + at});
+  wanted.push_back({"kde:httpsProxy", false, "http://" + at});
+  wanted.push_back({"kde:socksProxy", false, "socks://" + at});
+  wanted.push_back({"kde:NoProxyFor", false, "localhost,127.0.0.1,::1"});
 }
 
 void TellKdeProgramsToReread() {

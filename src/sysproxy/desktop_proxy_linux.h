@@ -3,13 +3,13 @@
 // The Linux helper's desktop proxy settings, by what each part talks to:
 // GSettings through GIO (desktop_gsettings_linux.cpp), KDE's kioslaverc
 // through kreadconfig/kwriteconfig (desktop_kde_linux.cpp) and the proxy state
-// file on disk (proxy_state_file_linux.cpp). system_proxy_linux.cpp holds the
-// save, enable and restore built on them.
+// file on disk (proxy_recovery.cpp, shared with Windows). system_proxy_linux.cpp
+// holds the save, enable and restore built on them.
 
 #include <gio/gio.h>
 
-#include <filesystem>
 #include <string>
+#include <vector>
 
 #include "sysproxy/desktop_proxy_state.h"
 
@@ -45,26 +45,35 @@ struct SchemaSettings {
 };
 
 bool SchemaInstalled();
-// GSettings keeps what is written only with a session bus and a lasting
+// "" when GSettings keeps what is written: a session bus and a lasting
 // backend (dconf); the memory backend takes every write and forgets it.
-bool GSettingsLast();
+// Otherwise why not, for the log.
+std::string WhyGSettingsForget();
+inline bool GSettingsLast() { return WhyGSettingsForget().empty(); }
+// The user's own value of each of kGKeys (isDefault when none).
+void ReadUserGSettings(std::vector<DesktopProxySetting>& settings);
+// The "gsettings:" entries of `wanted` in one delayed-apply transaction per
+// schema, synced, then every one read back through fresh objects. False with
+// the first failure in `cause` when any was refused or not kept.
+bool WriteGSettings(const std::vector<DesktopProxySetting>& wanted, std::string& cause);
+// "http://host:port" while the mode is manual, else "".
+std::string GSettingsHttpProxy();
+// The helper's values: manual, the loopback bypass list and every kind of
+// proxy at 127.0.0.1:`port`.
+void AddHelperGSettings(std::vector<DesktopProxySetting>& wanted, const std::string& port);
 
 bool KdeApplies();
-bool ReadKdeKey(const char* key, DesktopProxySetting& setting);
-// The value after "--": a user's list may begin with "-", which the tool
-// would otherwise take for its own options and refuse.
-bool WriteKdeKey(const std::string& key, const DesktopProxySetting& value);
+// Each of kKdeKeys as kioslaverc holds it; false with the failed tool in
+// `cause`.
+bool ReadKdeKeys(std::vector<DesktopProxySetting>& settings, std::string& cause);
+// Every "kde:" entry of `wanted` (deleted when isDefault), each tried even
+// after one failed; false with the first failure in `cause`.
+bool WriteKdeKeys(const std::vector<DesktopProxySetting>& wanted, std::string& cause);
+// kioslaverc's httpProxy, "" when absent or unreadable.
+std::string KdeHttpProxy();
+// The helper's values at `at` ("127.0.0.1:port").
+void AddHelperKdeKeys(std::vector<DesktopProxySetting>& wanted, const std::string& at);
 // Running KDE programs read kioslaverc again; nobody listening is no error.
 void TellKdeProgramsToReread();
-
-std::filesystem::path StatePath();
-// Whole under a temporary name of its own, synced, then renamed over the old
-// one. The name is new each time and created with O_EXCL (mkostemp), so no
-// file or link that someone left under a known name is ever written through.
-bool WriteStateFile(const DesktopProxyState& state, std::string& reason);
-// The temporary files of writes that a helper did not finish
-// ("proxy-state.txt.XXXXXX"); the file each would have replaced, if any, is
-// still whole.
-void RemoveUnfinishedStateFiles();
 
 }  // namespace orvel

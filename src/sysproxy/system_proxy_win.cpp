@@ -1,7 +1,8 @@
 #include "sysproxy/system_proxy_win.h"
 
-#include "log/log_buffer.h"
+#include "sysproxy/proxy_recovery.h"
 #include "sysproxy/proxy_server_value.h"
+#include "sysproxy/proxy_state.h"
 #include "sysproxy/restore_entry.h"
 #include "sysproxy/system_proxy.h"
 
@@ -103,15 +104,8 @@ bool EnableSystemProxy(int port, std::string& errorMessage) {
   const std::wstring helperServer = BuildProxyServerValue(port);
   // On disk before the first registry write: from here on a crash at any
   // moment leaves what the next helper needs to put the user's values back.
-  // A file that cannot be written costs only that: the values are still held
-  // in memory and go back at the stop, and the client could do nothing about
-  // a refusal.
-  std::string reason;
-  if (!WriteProxyStateFile(
-          {SavedProxy.proxyEnable, SavedProxy.proxyServer, SavedProxy.proxyOverride, helperServer},
-          reason)) {
-    HelperLog().Append(std::string(kCrashRecoveryOff) + reason);
-  }
+  KeepProxyStateFile(EncodeProxyState(
+      {SavedProxy.proxyEnable, SavedProxy.proxyServer, SavedProxy.proxyOverride, helperServer}));
   HKEY key = nullptr;
   if (RegOpenKeyExW(HKEY_CURRENT_USER, kInternetSettingsKey, 0, KEY_SET_VALUE, &key) !=
       ERROR_SUCCESS) {
@@ -147,32 +141,18 @@ bool RestoreSystemProxy(std::string& errorMessage) {
     SavedProxy.saved = false;
     // Only now: a crash before this line leaves the file for the next helper,
     // which finds the user's ProxyServer back in place and leaves it.
-    DeleteFileW(GetProxyStatePath().c_str());
-    RemoveRestoreEntry();
+    DropProxyStateFile();
     return true;
   }
   errorMessage = "Failed to restore Windows system proxy";
   return false;
 }
 
-void RecoverSystemProxyAtStartup() {
-  const std::wstring path = GetProxyStatePath();
-  // A write that the last helper did not finish; the file it would have
-  // replaced, if any, is still whole.
-  DeleteFileW((path + L".tmp").c_str());
-  std::string bytes;
-  // Without a file no value of the helper's can be in place, and no entry
-  // is needed for them.
-  if (!ReadProxyStateFile(bytes)) return RemoveRestoreEntry();
-  SavedProxyState state;
-  if (!ParseProxyState(bytes, state)) {
-    DeleteFileW(path.c_str());
-    RemoveRestoreEntry();
-    HelperLog().Append(
-        "Removed an unreadable saved proxy settings file; system proxy left as it is");
-    return;
-  }
+bool ProxyRecoveryApplies() { return true; }
 
+SavedProxyVerdict TakeOverSavedProxy(std::string_view bytes) {
+  SavedProxyState state;
+  if (!ParseProxyState(bytes, state)) return SavedProxyVerdict::kUnreadable;
   std::wstring currentServer;
   HKEY key = nullptr;
   if (RegOpenKeyExW(HKEY_CURRENT_USER, kInternetSettingsKey, 0, KEY_QUERY_VALUE, &key) ==
@@ -180,22 +160,9 @@ void RecoverSystemProxyAtStartup() {
     currentServer = ReadRegistryString(key, L"ProxyServer");
     RegCloseKey(key);
   }
-  if (currentServer != state.helperProxyServer) {
-    DeleteFileW(path.c_str());
-    RemoveRestoreEntry();
-    HelperLog().Append(
-        "System proxy changed since the helper last set it; kept it and removed the saved proxy "
-        "settings");
-    return;
-  }
+  if (currentServer != state.helperProxyServer) return SavedProxyVerdict::kChangedSinceSet;
   SavedProxy = {true, state.proxyEnable, state.proxyServer, state.proxyOverride};
-  std::string errorMessage;
-  if (RestoreSystemProxy(errorMessage)) {
-    HelperLog().Append("Restored the proxy settings saved before the helper last ended");
-  } else {
-    HelperLog().Append("Proxy settings saved before the helper last ended not restored yet: " +
-                       errorMessage);
-  }
+  return SavedProxyVerdict::kTakenOver;
 }
 
 }  // namespace orvel
