@@ -66,64 +66,6 @@ exit codes:
   130  interrupted (Ctrl-C)
 )";
 
-struct CommandInfo {
-  std::string_view name;
-  std::size_t positionals;  // how many plain arguments it takes
-  std::string_view flags;   // the options it accepts, each between spaces
-  std::string_view help;
-};
-
-constexpr CommandInfo kCommands[] = {
-    {"status", 0, "", R"(usage: orvelctl status
-
-Prints the helper's answer: "connected" while a core runs (exit 0),
-"disconnected" when none does (exit 1).
-)"},
-    {"start", 1, " --tun ", R"(usage: orvelctl start CONFIG [--tun]
-
-Sends the file CONFIG unchanged as the core's whole configuration; the helper
-starts sing-box with it and points the user's system proxy at its mixed inbound
-(the inbound tagged "orvel-vpn-mixed"). With --tun the system proxy is left
-alone (TUN mode; the helper must run as the service for the TUN device).
-The file must be JSON (comments allowed) and is checked before it is sent.
-Exit 0 when the helper answers "connected", 1 with its reason when not.
-)"},
-    {"stop", 0, "", R"(usage: orvelctl stop
-
-Puts the user's proxy settings back and stops the core. The helper always
-answers "disconnected"; that is success (exit 0).
-)"},
-    {"ping", 0, "", R"(usage: orvelctl ping
-
-Exit 0 when the helper answers "pong".
-)"},
-    {"logs", 0, " --follow ", R"(usage: orvelctl logs [--follow]
-
-Prints the helper's log (its newest 64 KiB). --follow then asks once a second
-and prints each new line once, until Ctrl-C.
-)"},
-    {"snapshot", 0, " --watch --json ", R"(usage: orvelctl snapshot [--watch] [--json]
-
-Upload and download rates and totals of the running core, then the local
-process endpoints grouped by process. --watch refreshes once a second until
-Ctrl-C: in place with a sparkline of the last minute on a terminal, one line
-per second otherwise. --json prints the helper's document as it is (one per
-line with --watch).
-)"},
-    {"urltest", 1, " --url --tag --json ",
-     R"(usage: orvelctl urltest CONFIG [--url URL] [--tag TAG]... [--json]
-
-Measures the latency of proxy nodes through the helper: each node is fetched
-once through its outbound of CONFIG. The nodes are the proxy outbounds of
-CONFIG (every type but direct, block, dns, selector and urltest) unless --tag
-names them. --url sets what is fetched (default
-https://www.gstatic.com/generate_204). On a terminal a progress line follows
-the test, then a table sorted by delay, failures last. --json prints the
-helper's result lines as they arrive. Ctrl-C cancels the test on the helper,
-prints what arrived and exits 130.
-)"},
-};
-
 struct Options {
   std::string command;
   std::vector<std::string> positionals;
@@ -238,7 +180,16 @@ int RunStatusRequest(const ClientAddress& address, std::string_view method, std:
   return kExitDisconnected;
 }
 
-int RunPing(const ClientAddress& address) {
+int RunStatus(const ClientAddress& address, const Options&) {
+  return RunStatusRequest(address, "GET", "/status", "", false);
+}
+
+// The helper always answers "disconnected" to a stop: that is success.
+int RunStop(const ClientAddress& address, const Options&) {
+  return RunStatusRequest(address, "POST", "/stop", "", true);
+}
+
+int RunPing(const ClientAddress& address, const Options&) {
   HttpAnswer answer;
   if (const int code = Request(address, "GET", "/ping", "", answer); code != kExitOk) return code;
   if (answer.body != "pong") return FailUnexpected(address, "GET /ping", QuoteExcerpt(answer.body));
@@ -256,14 +207,14 @@ int RunStart(const ClientAddress& address, const Options& options) {
   return RunStatusRequest(address, "POST", options.tun ? "/start-tun" : "/start", config, false);
 }
 
-int RunLogs(const ClientAddress& address, bool follow) {
+int RunLogs(const ClientAddress& address, const Options& options) {
   std::string previous;
   for (;;) {
     HttpAnswer answer;
     if (const int code = Request(address, "GET", "/logs", "", answer); code != kExitOk) {
       return code;
     }
-    if (!follow) {
+    if (!options.follow) {
       Out(EscapeForTerminal(answer.body, true));
       return kExitOk;
     }
@@ -328,11 +279,24 @@ bool CancelUrlTest(const ClientAddress& address, const std::string& requestId) {
          answer.status == 200 && answer.body == "{\"status\":\"canceled\"}";
 }
 
-int RunUrlTest(const ClientAddress& address, const Options& options) {
+constexpr std::string_view kUrlTestRequest = "POST /urltest";
+
+// One URL test while its answer streams in.
+struct UrlTestRun {
+  std::string requestId;
+  std::vector<std::string> tags;  // the nodes asked for
+  client::AnswerStream stream;
+  std::vector<client::UrlTestResult> results;
+  bool cancelled = false;
+  std::string fault;  // set when the answer stops making sense
+};
+
+// The nodes to test: those --tag names, else the configuration's proxy
+// outbounds. kExitOk, or the message and the exit code.
+int ReadUrlTestNodes(const Options& options, std::string& config, std::vector<std::string>& tags) {
   const std::string& path = options.positionals[0];
-  std::string config;
   if (const int code = ReadConfig(path, config); code != kExitOk) return code;
-  std::vector<std::string> tags = options.tags;
+  tags = options.tags;
   std::string error;
   const client::ConfigCheck check = tags.empty()
                                         ? client::ListProxyOutboundTags(config, tags, error)
@@ -340,81 +304,100 @@ int RunUrlTest(const ClientAddress& address, const Options& options) {
   if (check == client::ConfigCheck::kNotJson) return FailNotJson(path, error);
   if (check == client::ConfigCheck::kNoProxyOutbounds)
     return Fail(kExitNoNodes, path + ": " + error);
+  return kExitOk;
+}
 
-  const std::string requestId = client::NewUrlTestRequestId();
-  const std::string request = "POST /urltest";
-  client::AnswerStream stream;
-  const ExchangeResult opened = client::OpenStream(
-      address, "POST", "/urltest",
-      client::BuildUrlTestRequestBody(requestId, options.url, tags, config), stream);
-  if (opened == ExchangeResult::kBrokenAnswer) {
-    return FailUnexpected(address, request, "the connection broke while sending");
+// Takes one read's result lines; a line that is not one sets the run's fault.
+void TakeUrlTestLines(const std::vector<std::string>& lines, const Options& options, bool progress,
+                      UrlTestRun& run) {
+  for (const std::string& line : lines) {
+    client::UrlTestResult result;
+    if (!client::ParseUrlTestResultLine(line, result)) {
+      run.fault = "not a result line: " + QuoteExcerpt(line);
+      return;
+    }
+    if (options.json) Out(EscapeForTerminal(line, false) + "\n");
+    run.results.push_back(std::move(result));
+    if (progress) Out("\r\x1b[K" + FormatUrlTestProgress(run.results, run.tags.size()));
   }
-  if (opened != ExchangeResult::kAnswered) {
-    return CheckAnswer(opened, stream.head, address, request);
-  }
+}
 
-  const bool progress = StdoutIsTerminal() && !options.json;
-  std::vector<client::UrlTestResult> results;
+// Reads the stream until it ends, breaks, falls silent or stops making sense
+// (kExitOk, the run says how it went), or the helper answers other than 200.
+int ReadUrlTestStream(const ClientAddress& address, const Options& options, bool progress,
+                      UrlTestRun& run) {
   std::vector<std::string> lines;
-  bool cancelled = false;
-  std::string fault;  // set when the answer stops making sense
   client::StreamStep step = client::StreamStep::kData;
   for (int silentMs = 0;;) {
     // The helper forgets a cancel that arrives before its test has started,
     // and the head is sent only once it has: so cancel after the head.
-    if (!cancelled && stream.headDone && InterruptRequested()) {
-      cancelled = true;
+    if (!run.cancelled && run.stream.headDone && InterruptRequested()) {
+      run.cancelled = true;
       silentMs = 0;
-      if (!CancelUrlTest(address, requestId)) {
-        Fail(kExitUnexpected, "the helper did not confirm the cancel of " + requestId);
+      if (!CancelUrlTest(address, run.requestId)) {
+        Fail(kExitUnexpected, "the helper did not confirm the cancel of " + run.requestId);
       }
     }
     lines.clear();
-    step = client::ReadStream(stream, kStepMs, lines);
+    step = client::ReadStream(run.stream, kStepMs, lines);
     if (step == client::StreamStep::kIdle) {
       silentMs += kStepMs;
-      if (silentMs >= (cancelled ? kCancelWaitMs : kStreamSilenceMs)) {
-        fault = "silent for " + std::to_string(silentMs / 1000) + " s";
-        break;
+      if (silentMs >= (run.cancelled ? kCancelWaitMs : kStreamSilenceMs)) {
+        run.fault = "silent for " + std::to_string(silentMs / 1000) + " s";
+        return kExitOk;
       }
       continue;
     }
     silentMs = 0;
-    if (stream.headDone && stream.head.status != 200) {
-      HttpAnswer head = stream.head;
-      return CheckAnswer(ExchangeResult::kAnswered, head, address, request);
+    if (run.stream.headDone && run.stream.head.status != 200) {
+      return CheckAnswer(ExchangeResult::kAnswered, run.stream.head, address, kUrlTestRequest);
     }
-    for (const std::string& line : lines) {
-      client::UrlTestResult result;
-      if (!client::ParseUrlTestResultLine(line, result)) {
-        fault = "not a result line: " + QuoteExcerpt(line);
-        break;
-      }
-      if (options.json) Out(EscapeForTerminal(line, false) + "\n");
-      results.push_back(std::move(result));
-      if (progress) Out("\r\x1b[K" + FormatUrlTestProgress(results, tags.size()));
-    }
-    if (!fault.empty() || step != client::StreamStep::kData) break;
+    TakeUrlTestLines(lines, options, progress, run);
+    if (!run.fault.empty() || step != client::StreamStep::kData) break;
   }
-  if (progress && !results.empty()) Out("\r\x1b[K");
-  if (step == client::StreamStep::kBroken && fault.empty()) fault = "the stream broke off";
-  // Whatever went wrong, the helper must not go on testing for nobody.
-  if (!fault.empty() && !cancelled) CancelUrlTest(address, requestId);
+  if (step == client::StreamStep::kBroken && run.fault.empty()) run.fault = "the stream broke off";
+  return kExitOk;
+}
 
-  if (!options.json && !results.empty()) Out(FormatUrlTestTable(results, tags.size()));
-  if (cancelled) {
-    return Fail(kExitInterrupted, "cancelled test " + requestId + " after " +
-                                      std::to_string(results.size()) + " of " +
-                                      std::to_string(tags.size()) + " nodes");
+// The table of what arrived, then why the run fell short, if it did.
+int FinishUrlTest(const ClientAddress& address, const Options& options, bool progress,
+                  const UrlTestRun& run) {
+  if (progress && !run.results.empty()) Out("\r\x1b[K");
+  // Whatever went wrong, the helper must not go on testing for nobody.
+  if (!run.fault.empty() && !run.cancelled) CancelUrlTest(address, run.requestId);
+
+  if (!options.json && !run.results.empty()) Out(FormatUrlTestTable(run.results, run.tags.size()));
+  const std::string reported =
+      std::to_string(run.results.size()) + " of " + std::to_string(run.tags.size()) + " nodes";
+  if (run.cancelled) {
+    return Fail(kExitInterrupted, "cancelled test " + run.requestId + " after " + reported);
   }
-  if (!fault.empty()) return FailUnexpected(address, request, fault);
-  if (results.size() != tags.size()) {
-    return FailUnexpected(address, request,
-                          "it reported " + std::to_string(results.size()) + " of " +
-                              std::to_string(tags.size()) + " nodes");
+  if (!run.fault.empty()) return FailUnexpected(address, kUrlTestRequest, run.fault);
+  if (run.results.size() != run.tags.size()) {
+    return FailUnexpected(address, kUrlTestRequest, "it reported " + reported);
   }
   return kExitOk;
+}
+
+int RunUrlTest(const ClientAddress& address, const Options& options) {
+  UrlTestRun run;
+  std::string config;
+  if (const int code = ReadUrlTestNodes(options, config, run.tags); code != kExitOk) return code;
+  run.requestId = client::NewUrlTestRequestId();
+  const ExchangeResult opened = client::OpenStream(
+      address, "POST", "/urltest",
+      client::BuildUrlTestRequestBody(run.requestId, options.url, run.tags, config), run.stream);
+  if (opened == ExchangeResult::kBrokenAnswer) {
+    return FailUnexpected(address, kUrlTestRequest, "the connection broke while sending");
+  }
+  if (opened != ExchangeResult::kAnswered) {
+    return CheckAnswer(opened, run.stream.head, address, kUrlTestRequest);
+  }
+  const bool progress = StdoutIsTerminal() && !options.json;
+  if (const int code = ReadUrlTestStream(address, options, progress, run); code != kExitOk) {
+    return code;
+  }
+  return FinishUrlTest(address, options, progress, run);
 }
 
 bool TakeValue(const std::vector<std::string>& args, std::size_t& i, std::string_view name,
@@ -476,6 +459,74 @@ bool ParseOptions(const std::vector<std::string>& args, Options& options, std::s
   return true;
 }
 
+// One row per command, and the only place that names one: the argument
+// checks, the per-command help and the dispatch all read it.
+struct CommandInfo {
+  std::string_view name;
+  std::size_t positionals;  // how many plain arguments it takes
+  std::string_view flags;   // the options it accepts, each between spaces
+  std::string_view help;
+  int (*run)(const ClientAddress& address, const Options& options);
+};
+
+constexpr CommandInfo kCommands[] = {
+    {"status", 0, "", R"(usage: orvelctl status
+
+Prints the helper's answer: "connected" while a core runs (exit 0),
+"disconnected" when none does (exit 1).
+)",
+     RunStatus},
+    {"start", 1, " --tun ", R"(usage: orvelctl start CONFIG [--tun]
+
+Sends the file CONFIG unchanged as the core's whole configuration; the helper
+starts sing-box with it and points the user's system proxy at its mixed inbound
+(the inbound tagged "orvel-vpn-mixed"). With --tun the system proxy is left
+alone (TUN mode; the helper must run as the service for the TUN device).
+The file must be JSON (comments allowed) and is checked before it is sent.
+Exit 0 when the helper answers "connected", 1 with its reason when not.
+)",
+     RunStart},
+    {"stop", 0, "", R"(usage: orvelctl stop
+
+Puts the user's proxy settings back and stops the core. The helper always
+answers "disconnected"; that is success (exit 0).
+)",
+     RunStop},
+    {"ping", 0, "", R"(usage: orvelctl ping
+
+Exit 0 when the helper answers "pong".
+)",
+     RunPing},
+    {"logs", 0, " --follow ", R"(usage: orvelctl logs [--follow]
+
+Prints the helper's log (its newest 64 KiB). --follow then asks once a second
+and prints each new line once, until Ctrl-C.
+)",
+     RunLogs},
+    {"snapshot", 0, " --watch --json ", R"(usage: orvelctl snapshot [--watch] [--json]
+
+Upload and download rates and totals of the running core, then the local
+process endpoints grouped by process. --watch refreshes once a second until
+Ctrl-C: in place with a sparkline of the last minute on a terminal, one line
+per second otherwise. --json prints the helper's document as it is (one per
+line with --watch).
+)",
+     RunSnapshot},
+    {"urltest", 1, " --url --tag --json ",
+     R"(usage: orvelctl urltest CONFIG [--url URL] [--tag TAG]... [--json]
+
+Measures the latency of proxy nodes through the helper: each node is fetched
+once through its outbound of CONFIG. The nodes are the proxy outbounds of
+CONFIG (every type but direct, block, dns, selector and urltest) unless --tag
+names them. --url sets what is fetched (default
+https://www.gstatic.com/generate_204). On a terminal a progress line follows
+the test, then a table sorted by delay, failures last. --json prints the
+helper's result lines as they arrive. Ctrl-C cancels the test on the helper,
+prints what arrived and exits 130.
+)",
+     RunUrlTest},
+};
+
 }  // namespace
 
 int RunOrvelctl(const std::vector<std::string>& args) {
@@ -517,13 +568,7 @@ int RunOrvelctl(const std::vector<std::string>& args) {
   ClientAddress address;
   if (!client::ParseAddress(options.address, address, error)) return Fail(kExitUsage, error);
 
-  if (options.command == "status") return RunStatusRequest(address, "GET", "/status", "", false);
-  if (options.command == "stop") return RunStatusRequest(address, "POST", "/stop", "", true);
-  if (options.command == "start") return RunStart(address, options);
-  if (options.command == "ping") return RunPing(address);
-  if (options.command == "logs") return RunLogs(address, options.follow);
-  if (options.command == "snapshot") return RunSnapshot(address, options);
-  return RunUrlTest(address, options);
+  return command->run(address, options);
 }
 
 }  // namespace orvel::orvelctl
