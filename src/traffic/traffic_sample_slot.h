@@ -1,7 +1,7 @@
 #pragma once
 
-// The slot the core's traffic reader fills and snapshots take from, shared by
-// both builds' readers (traffic_reader_win.cpp, traffic_reader_linux.cpp).
+// The slot the core's traffic reader (traffic_reader.cpp) fills and snapshots
+// take from.
 // Each start gets a new generation; only the current generation may store,
 // and only its sample is handed out, so a sample of a core that was stopped
 // or replaced is never taken for the new core's, however late its reader

@@ -1,0 +1,110 @@
+#include <winsock2.h>
+
+#include "core/core_process_win.h"
+#include "traffic/controller_socket_win.h"
+#include "traffic/core_stats_client.h"
+#include "traffic/traffic_stream_io.h"
+
+namespace orvel {
+
+namespace {
+
+HANDLE Process(CoreWatch core) { return reinterpret_cast<HANDLE>(core.handle); }
+SOCKET Socket(const TrafficConnection& connection) {
+  return static_cast<SOCKET>(connection.socket);
+}
+WSAEVENT Ready(const TrafficConnection& connection) {
+  return reinterpret_cast<WSAEVENT>(connection.ready);
+}
+
+struct ReaderStart {
+  void (*read)(CoreWatch, std::uint64_t);
+  CoreWatch core;
+  std::uint64_t generation;
+};
+
+DWORD WINAPI ReaderThread(LPVOID parameter) {
+  const ReaderStart start = *static_cast<ReaderStart*>(parameter);
+  delete static_cast<ReaderStart*>(parameter);
+  start.read(start.core, start.generation);
+  return 0;
+}
+
+}  // namespace
+
+// The reader's own handle to the core's process: signalled once it has ended.
+bool OpenCoreWatch(CoreWatch& core) {
+  HANDLE process = DuplicateCoreProcessHandle();
+  if (process == nullptr) return false;
+  core.handle = reinterpret_cast<std::uintptr_t>(process);
+  return true;
+}
+
+void CloseCoreWatch(CoreWatch core) { CloseHandle(Process(core)); }
+
+bool WaitForCoreEnd(CoreWatch core, std::uint32_t ms) {
+  return WaitForSingleObject(Process(core), ms) != WAIT_TIMEOUT;
+}
+
+bool OpenTrafficConnection(CoreWatch core, TrafficConnection& connection) {
+  const SOCKET s = OpenControllerSocket();
+  if (s == INVALID_SOCKET) return false;
+  const WSAEVENT ready = WSACreateEvent();
+  if (ready != WSA_INVALID_EVENT &&
+      ConnectController(s, kCoreApiPort, ready, kCoreApiTimeoutMs, Process(core))) {
+    connection.socket = static_cast<std::uintptr_t>(s);
+    connection.ready = reinterpret_cast<std::uintptr_t>(ready);
+    return true;
+  }
+  if (ready != WSA_INVALID_EVENT) WSACloseEvent(ready);
+  closesocket(s);
+  return false;
+}
+
+bool SendTrafficRequest(const TrafficConnection& connection, std::string_view request) {
+  const int requestBytes = static_cast<int>(request.size());
+  return send(Socket(connection), request.data(), requestBytes, 0) == requestBytes;
+}
+
+bool WaitForTrafficData(const TrafficConnection& connection, CoreWatch core) {
+  const HANDLE waits[] = {Ready(connection), Process(core)};
+  if (WaitForMultipleObjects(2, waits, FALSE, INFINITE) != WAIT_OBJECT_0) return false;
+  WSANETWORKEVENTS events{};
+  return WSAEnumNetworkEvents(Socket(connection), Ready(connection), &events) == 0;
+}
+
+bool ReceiveTrafficBytes(const TrafficConnection& connection, std::string& pending) {
+  char chunk[kCoreReceiveChunkBytes];
+  for (;;) {
+    const int received = recv(Socket(connection), chunk, sizeof(chunk), 0);
+    if (received == SOCKET_ERROR && WSAGetLastError() == WSAEWOULDBLOCK) return true;
+    if (received <= 0) return false;
+    pending.append(chunk, static_cast<std::size_t>(received));
+  }
+}
+
+// The event goes after the socket: closing the socket ends its selection.
+void CloseTrafficConnection(const TrafficConnection& connection) {
+  closesocket(Socket(connection));
+  WSACloseEvent(Ready(connection));
+}
+
+// A plain Windows thread, not a detached std::thread: the MinGW threads
+// library races when it recycles a detached thread's record (see the
+// connection threads of the control server). The stack is reserved small:
+// the reader needs a few KiB.
+bool StartTrafficReaderThread(void (*read)(CoreWatch, std::uint64_t), CoreWatch core,
+                              std::uint64_t generation) {
+  constexpr SIZE_T kReaderStackBytes = 64 * 1024;
+  auto* start = new ReaderStart{read, core, generation};
+  HANDLE thread = CreateThread(nullptr, kReaderStackBytes, ReaderThread, start,
+                               STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
+  if (thread == nullptr) {
+    delete start;
+    return false;
+  }
+  CloseHandle(thread);
+  return true;
+}
+
+}  // namespace orvel
