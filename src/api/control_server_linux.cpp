@@ -6,8 +6,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <string_view>
+
 #include "api/connection.h"
 #include "api/control_server.h"
+#include "core/system_error.h"
 #include "log/log_buffer.h"
 
 namespace orvel {
@@ -38,13 +41,17 @@ bool StartConnectionThread(const AcceptedConnection& connection) {
   return started;
 }
 
-// A listening socket on the loopback address of `family`, or -1 with errno
-// set. Close-on-exec from its creation, as is every accepted socket: a core
-// started later must not keep port 17891 bound, nor hold a client's
-// connection open after its answer.
-int ListenOnLoopback(int family) {
+// A listening socket on the loopback address of `family`, or -1 with `error`
+// naming the call that failed. Close-on-exec from its creation, as is every
+// accepted socket: a core started later must not keep port 17891 bound, nor
+// hold a client's connection open after its answer.
+int ListenOnLoopback(int family, SystemError& error) {
+  const std::string_view where = family == AF_INET ? "127.0.0.1:17891" : "[::1]:17891";
   const int listener = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (listener < 0) return -1;
+  if (listener < 0) {
+    error = LastSystemError("socket", where);
+    return -1;
+  }
   const int on = 1;
   setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
   sockaddr_storage address{};
@@ -64,14 +71,22 @@ int ListenOnLoopback(int family) {
     v6.sin6_addr = in6addr_loopback;
     length = sizeof(v6);
   }
-  if (bind(listener, reinterpret_cast<const sockaddr*>(&address), length) != 0 ||
-      listen(listener, SOMAXCONN) != 0) {
-    const int error = errno;
-    close(listener);
-    errno = error;
-    return -1;
+  const char* failed = nullptr;
+  if (bind(listener, reinterpret_cast<const sockaddr*>(&address), length) != 0) {
+    failed = "bind";
+  } else if (listen(listener, SOMAXCONN) != 0) {
+    failed = "listen";
   }
-  return listener;
+  if (failed == nullptr) return listener;
+  error = LastSystemError(failed, where);
+  close(listener);
+  return -1;
+}
+
+// The helper ends after this line; under systemd it is the journal's last word.
+int FailListening(const SystemError& error) {
+  HelperLog().Append("Control server not started: " + DescribeSystemError(error));
+  return 1;
 }
 
 void AcceptOne(int listener) {
@@ -93,14 +108,15 @@ int RunControlServer(void (*listening)()) {
   HelperLog().Append("OrvelVpnHelper started");
   // Both loopbacks are the helper's: a client that dials "localhost" may try
   // [::1] first, and whoever held that port would get its configuration.
-  pollfd listeners[2] = {{ListenOnLoopback(AF_INET), POLLIN, 0}, {-1, POLLIN, 0}};
-  if (listeners[0].fd < 0) return 1;
-  listeners[1].fd = ListenOnLoopback(AF_INET6);
+  SystemError error;
+  pollfd listeners[2] = {{ListenOnLoopback(AF_INET, error), POLLIN, 0}, {-1, POLLIN, 0}};
+  if (listeners[0].fd < 0) return FailListening(error);
+  listeners[1].fd = ListenOnLoopback(AF_INET6, error);
   if (listeners[1].fd < 0) {
     // Taken by someone else: the same as IPv4 taken. Otherwise IPv6 is off.
-    if (errno == EADDRINUSE) {
+    if (error.code == EADDRINUSE) {
       close(listeners[0].fd);
-      return 1;
+      return FailListening(error);
     }
     HelperLog().Append("IPv6 loopback [::1]:17891 not available, serving 127.0.0.1 only");
   }

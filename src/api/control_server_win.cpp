@@ -2,9 +2,11 @@
 #include <ws2tcpip.h>
 
 #include <cstdint>
+#include <string_view>
 
 #include "api/connection.h"
 #include "api/control_server.h"
+#include "core/system_error.h"
 #include "log/log_buffer.h"
 
 namespace orvel {
@@ -41,14 +43,15 @@ bool StartConnectionThread(const AcceptedConnection& connection) {
   return true;
 }
 
-// A listening socket on `address` that no other socket can share, or
-// INVALID_SOCKET with `error` from WSAGetLastError(). Not inheritable: a core
-// started later must not keep the port bound.
-SOCKET OpenListener(const sockaddr* address, int length, int& error) {
+// A listening socket on `address` (`where` in the log) that no other socket
+// can share, or INVALID_SOCKET with `error` naming the call that failed. Not
+// inheritable: a core started later must not keep the port bound.
+SOCKET OpenListener(const sockaddr* address, int length, std::string_view where,
+                    SystemError& error) {
   SOCKET listener = WSASocketW(address->sa_family, SOCK_STREAM, IPPROTO_TCP, nullptr, 0,
                                WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
   if (listener == INVALID_SOCKET) {
-    error = WSAGetLastError();
+    error = LastSystemError("WSASocketW", where);
     return INVALID_SOCKET;
   }
   SetHandleInformation(reinterpret_cast<HANDLE>(listener), HANDLE_FLAG_INHERIT, 0);
@@ -56,14 +59,20 @@ SOCKET OpenListener(const sockaddr* address, int length, int& error) {
   // user) may bind the same address with SO_REUSEADDR of its own and take
   // over the clients' connections, commands and configurations included.
   const BOOL exclusive = TRUE;
+  const char* failed = nullptr;
   if (setsockopt(listener, SOL_SOCKET, SO_EXCLUSIVEADDRUSE,
-                 reinterpret_cast<const char*>(&exclusive), sizeof(exclusive)) != 0 ||
-      bind(listener, address, length) != 0 || listen(listener, SOMAXCONN) != 0) {
-    error = WSAGetLastError();
-    closesocket(listener);
-    return INVALID_SOCKET;
+                 reinterpret_cast<const char*>(&exclusive), sizeof(exclusive)) != 0) {
+    failed = "setsockopt";
+  } else if (bind(listener, address, length) != 0) {
+    failed = "bind";
+  } else if (listen(listener, SOMAXCONN) != 0) {
+    failed = "listen";
   }
-  return listener;
+  if (failed == nullptr) return listener;
+  // Winsock's error is the thread's last error: read before closesocket.
+  error = LastSystemError(failed, where);
+  closesocket(listener);
+  return INVALID_SOCKET;
 }
 
 [[noreturn]] void AcceptConnections(SOCKET listener) {
@@ -85,27 +94,36 @@ DWORD WINAPI AcceptThread(LPVOID listener) {
 }
 
 // The errors of a system without IPv6, or with it off on the loopback.
-bool MeansNoIpv6(int error) {
+bool MeansNoIpv6(std::uint32_t error) {
   return error == WSAEAFNOSUPPORT || error == WSAEPROTONOSUPPORT || error == WSAEADDRNOTAVAIL;
 }
 
 }  // namespace
 
+// The helper ends after this line.
+int FailListening(const SystemError& error) {
+  HelperLog().Append("Control server not started: " + DescribeSystemError(error));
+  return 1;
+}
+
 int RunControlServer(void (*listening)()) {
   HelperLog().Append("OrvelVpnHelper started");
   WSADATA wsaData{};
-  if (WSAStartup(MAKEWORD(2, 2), &wsaData) != 0) return 1;
+  // WSAStartup returns its error rather than setting the last one.
+  if (const int code = WSAStartup(MAKEWORD(2, 2), &wsaData); code != 0) {
+    return FailListening({"WSAStartup", "", static_cast<std::uint32_t>(code)});
+  }
 
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(kControlPort);
   inet_pton(AF_INET, "127.0.0.1", &address.sin_addr);
-  int error = 0;
-  const SOCKET listener =
-      OpenListener(reinterpret_cast<const sockaddr*>(&address), sizeof(address), error);
+  SystemError error;
+  const SOCKET listener = OpenListener(reinterpret_cast<const sockaddr*>(&address), sizeof(address),
+                                       "127.0.0.1:17891", error);
   if (listener == INVALID_SOCKET) {
     WSACleanup();
-    return 1;
+    return FailListening(error);
   }
   // Clients that resolve "localhost" may try ::1 first. Every rule is the
   // same there: the same admission and connection handling. A port taken on
@@ -115,12 +133,12 @@ int RunControlServer(void (*listening)()) {
   address6.sin6_family = AF_INET6;
   address6.sin6_port = htons(kControlPort);
   address6.sin6_addr = in6addr_loopback;
-  const SOCKET listener6 =
-      OpenListener(reinterpret_cast<const sockaddr*>(&address6), sizeof(address6), error);
-  if (listener6 == INVALID_SOCKET && !MeansNoIpv6(error)) {
+  const SOCKET listener6 = OpenListener(reinterpret_cast<const sockaddr*>(&address6),
+                                        sizeof(address6), "[::1]:17891", error);
+  if (listener6 == INVALID_SOCKET && !MeansNoIpv6(error.code)) {
     closesocket(listener);
     WSACleanup();
-    return 1;
+    return FailListening(error);
   }
   if (listener6 == INVALID_SOCKET) {
     HelperLog().Append("IPv6 loopback [::1]:17891 not available, serving 127.0.0.1 only");
@@ -128,10 +146,11 @@ int RunControlServer(void (*listening)()) {
     HANDLE thread =
         CreateThread(nullptr, 0, AcceptThread, reinterpret_cast<LPVOID>(listener6), 0, nullptr);
     if (thread == nullptr) {
+      error = LastSystemError("CreateThread", "[::1]:17891");
       closesocket(listener6);
       closesocket(listener);
       WSACleanup();
-      return 1;
+      return FailListening(error);
     }
     CloseHandle(thread);
   }
