@@ -22,7 +22,7 @@
 //   behaviour (e.g. "hk-01-delay-200", "東京-exit-2"):
 //   delay-N    answer after N ms: a small body on stdout, exit 0
 //   exit-N     a FATAL line on stderr like a failed fetch, exit N
-//   hang       never ends by itself (only termination ends it)
+//   hang       does not end by itself within any test (see kLongestLifeMs)
 //   flood-N    write N bytes to stdout (more than a pipe holds blocks), then exit 0
 //   (none)     answer at once, exit 0
 // Every fetch leaves fetch/<pid>-<counter>.txt: "key=value" lines
@@ -56,6 +56,10 @@
 namespace fake {
 
 namespace {
+
+// What "stay up" and "hang" mean: longer than any case waits for them, short
+// enough that a core a faulty helper left behind does not outlive the run.
+constexpr unsigned long kLongestLifeMs = 300000;
 
 std::string ReadWholeFile(const std::string& path) {
   std::ifstream in(std::filesystem::u8path(path), std::ios::binary);
@@ -156,8 +160,8 @@ void StartControllerIfConfigured(const std::string& config) {
   }
   plan["secret"] = ValueAfter(config, "secret", 0, "");
   const Socket listener =
-      Listen(address.substr(0, colon),
-             static_cast<unsigned short>(std::atoi(address.c_str() + colon + 1)));
+      OpenTcp(address.substr(0, colon),
+              static_cast<unsigned short>(std::atoi(address.c_str() + colon + 1)), true);
   if (listener == kNoSocket) return;  // no controller, as no test needs the core's refusal
   std::thread([listener, plan] {
     for (;;) {
@@ -177,7 +181,7 @@ void Pump(Socket from, Socket to) {
 }
 
 void Relay(Socket client) {
-  const Socket helper = Connect("127.0.0.1", 17891);
+  const Socket helper = OpenTcp("127.0.0.1", 17891, false);
   if (helper != kNoSocket) {
     std::thread up(Pump, client, helper);
     Pump(helper, client);
@@ -188,7 +192,7 @@ void Relay(Socket client) {
 }
 
 void StartRelay(unsigned short port) {
-  const Socket listener = Listen("127.0.0.1", port);
+  const Socket listener = OpenTcp("127.0.0.1", port, true);
   if (listener == kNoSocket) return;
   std::thread([listener] {
     for (;;) {
@@ -238,7 +242,8 @@ int RunCoreMode(const std::vector<std::string>& args) {
     SleepMs(std::strtoul(behaviour.c_str() + 10, nullptr, 10));
     return 1;
   }
-  SleepForever();
+  SleepMs(kLongestLifeMs);
+  return 0;
 }
 
 // --- sing-box --disable-color -c FILE tools -o TAG fetch URL -----------------
@@ -267,7 +272,7 @@ int RunToolsMode(const std::vector<std::string>& args) {
       << "pid=" + pid + "\nstartTick=" + tick + "\ntag=" + tag + "\nurl=" + url +
              "\nconfig=" + configPath + "\n" + DescribeInvocation() +
              "configText=" + ReadWholeFile(configPath);
-  if (tag.find("hang") != std::string::npos) SleepForever();
+  if (tag.find("hang") != std::string::npos) SleepMs(kLongestLifeMs);
   const long delay = TokenValue(tag, "delay-");
   if (delay > 0) SleepMs(static_cast<unsigned long>(delay));
   const long flood = TokenValue(tag, "flood-");

@@ -18,7 +18,6 @@ constexpr Socket kNoSocket = -1;
 int RunFakeCore(const std::vector<std::string>& args);
 
 void SleepMs(unsigned long ms);
-[[noreturn]] void SleepForever();
 std::string ProcessId();
 // How the double was started, as one text: Windows the command line as the
 // helper wrote it; Linux the program and each argument, separated by "\x1f".
@@ -37,11 +36,11 @@ void WriteStderr(const std::string& bytes);
 // it die of SIGPIPE.
 void StayingUp();
 
-// A listening TCP socket on host:port (address reuse on), or kNoSocket.
-Socket Listen(const std::string& host, unsigned short port);
+// A TCP socket on host:port, `listening` (address reuse on: tests start a
+// core on the same port again and again, and a connection of the previous one
+// may still be in TIME_WAIT) or connected to it; kNoSocket when that fails.
+Socket OpenTcp(const std::string& host, unsigned short port, bool listening);
 Socket Accept(Socket listener);
-// A connection to host:port, or kNoSocket.
-Socket Connect(const std::string& host, unsigned short port);
 bool SendText(Socket s, const std::string& bytes);
 long Receive(Socket s, char* buffer, std::size_t size);
 void CloseSocket(Socket s);

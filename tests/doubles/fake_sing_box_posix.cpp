@@ -40,9 +40,6 @@ void OnTerminate(int) {
 }  // namespace
 
 void SleepMs(unsigned long ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
-void SleepForever() {
-  for (;;) pause();
-}
 std::string ProcessId() { return std::to_string(getpid()); }
 
 std::string CommandLine() {
@@ -79,29 +76,19 @@ void StayingUp() {
   }).detach();
 }
 
-Socket Listen(const std::string& host, unsigned short port) {
-  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const int reuse = 1;
-  setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof(reuse));
-  sockaddr_in bound{};
-  bound.sin_family = AF_INET;
-  bound.sin_port = htons(port);
-  inet_pton(AF_INET, host.c_str(), &bound.sin_addr);
-  if (bind(listener, reinterpret_cast<const sockaddr*>(&bound), sizeof(bound)) != 0 ||
-      listen(listener, SOMAXCONN) != 0) {
-    close(listener);
-    return kNoSocket;
-  }
-  return listener;
-}
-
-Socket Connect(const std::string& host, unsigned short port) {
+Socket OpenTcp(const std::string& host, unsigned short port, bool listening) {
   const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in peer{};
-  peer.sin_family = AF_INET;
-  peer.sin_port = htons(port);
-  inet_pton(AF_INET, host.c_str(), &peer.sin_addr);
-  if (connect(s, reinterpret_cast<const sockaddr*>(&peer), sizeof(peer)) == 0) return s;
+  const int reuse = 1;
+  setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof(reuse));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  inet_pton(AF_INET, host.c_str(), &address.sin_addr);
+  const auto* raw = reinterpret_cast<const sockaddr*>(&address);
+  if (listening ? bind(s, raw, sizeof(address)) == 0 && listen(s, SOMAXCONN) == 0
+                : connect(s, raw, sizeof(address)) == 0) {
+    return s;
+  }
   close(s);
   return kNoSocket;
 }

@@ -24,9 +24,6 @@ void WriteOut(DWORD which, const std::string& bytes) {
 }  // namespace
 
 void SleepMs(unsigned long ms) { Sleep(ms); }
-void SleepForever() {
-  for (;;) Sleep(INFINITE);
-}
 std::string ProcessId() { return std::to_string(GetCurrentProcessId()); }
 std::string CommandLine() { return WideToUtf8(GetCommandLineW()); }
 
@@ -47,34 +44,19 @@ void WriteStdout(const std::string& bytes) { WriteOut(STD_OUTPUT_HANDLE, bytes);
 void WriteStderr(const std::string& bytes) { WriteOut(STD_ERROR_HANDLE, bytes); }
 void StayingUp() {}
 
-Socket Listen(const std::string& host, unsigned short port) {
+Socket OpenTcp(const std::string& host, unsigned short port, bool listening) {
   WSADATA data{};
-  WSAStartup(MAKEWORD(2, 2), &data);
-  SOCKET listener = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-  // Tests start a core on this port again and again; without this a
-  // connection of the previous core still in TIME_WAIT blocks the bind.
+  WSAStartup(MAKEWORD(2, 2), &data);  // counted: one per call is harmless
+  const SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
   const BOOL reuse = TRUE;
-  setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, reinterpret_cast<const char*>(&reuse),
-             sizeof(reuse));
-  sockaddr_in bound{};
-  bound.sin_family = AF_INET;
-  bound.sin_port = htons(port);
-  inet_pton(AF_INET, host.c_str(), &bound.sin_addr);
-  if (bind(listener, reinterpret_cast<const sockaddr*>(&bound), sizeof(bound)) != 0 ||
-      listen(listener, SOMAXCONN) != 0) {
-    closesocket(listener);
-    return kNoSocket;
-  }
-  return static_cast<Socket>(listener);
-}
-
-Socket Connect(const std::string& host, unsigned short port) {
-  SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-  sockaddr_in peer{};
-  peer.sin_family = AF_INET;
-  peer.sin_port = htons(port);
-  inet_pton(AF_INET, host.c_str(), &peer.sin_addr);
-  if (connect(s, reinterpret_cast<const sockaddr*>(&peer), sizeof(peer)) == 0) {
+  setsockopt(s, SOL_SOCKET, SO_REUSEADDR, reinterpret_cast<const char*>(&reuse), sizeof(reuse));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  inet_pton(AF_INET, host.c_str(), &address.sin_addr);
+  const auto* raw = reinterpret_cast<const sockaddr*>(&address);
+  if (listening ? bind(s, raw, sizeof(address)) == 0 && listen(s, SOMAXCONN) == 0
+                : connect(s, raw, sizeof(address)) == 0) {
     return static_cast<Socket>(s);
   }
   closesocket(s);
