@@ -119,7 +119,7 @@ void ExpectUserProxyUntouched();
 // Whether this system's snapshots name the owners of socket endpoints.
 extern const bool kListsSocketOwners;
 // Listens on 127.0.0.1:`port` at once; the thread answers one connection with
-// `answer`, closes it and ends.
+// `answer`, closes it and ends (also after 30 s without a connection).
 std::thread ServeOneAnswer(unsigned short port, std::string answer);
 // Before a Ctrl-C is sent to a program the test started.
 void PrepareToInterruptChildren();
@@ -135,7 +135,11 @@ class Helper : public ::testing::Test {
     }
     // The orvelctl case works in the helper's folder, which a restart removes.
     fs::current_path(BinDirectory());
-    Post("/stop");
+    // A helper that no longer answers its stop fails every later case at
+    // once, not each after its own time-outs.
+    ASSERT_TRUE(answersStop) << "an earlier case found the helper not answering /stop";
+    answersStop = Request("POST", "/stop", {}, 10000).status == 200;
+    ASSERT_TRUE(answersStop) << "the helper did not answer /stop within 10 s";
     ResetTestRecords();
     ResetUserProxy();
   }
@@ -145,6 +149,7 @@ class Helper : public ::testing::Test {
     return helper.Start({core, path, keepDataDirectory, arguments});
   }
   static ScopedHelper helper;
+  static inline bool answersStop = true;
 };
 inline ScopedHelper Helper::helper;
 

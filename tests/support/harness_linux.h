@@ -205,19 +205,25 @@ inline std::tuple<std::uint32_t, std::string, std::string> RunProgram(
   return std::tuple{static_cast<std::uint32_t>(code), ReadFileBytes(out), ReadFileBytes(err)};
 }
 
+// An IPv4 address (host byte order) and port, ready for bind or connect.
+struct Ipv4 {
+  sockaddr_in address{};
+  Ipv4(std::uint32_t host, std::uint16_t port) {
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(host);
+    address.sin_port = htons(port);
+  }
+  const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&address); }
+  static constexpr socklen_t size = sizeof(sockaddr_in);
+};
+
 // Connects from 127.0.0.2, so that the helper's end of the connection is an
 // established endpoint that a snapshot lists (127.0.0.1 is left out).
 inline bool ConnectToHelperFrom127002(client::ClientSocket& s) {
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   s.handle = static_cast<client::SocketHandle>(fd);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(0x7F000002);
-  auto* peer = reinterpret_cast<sockaddr*>(&address);
-  const bool bound = bind(fd, peer, sizeof(address)) == 0;
-  address.sin_port = htons(kHelperPort);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return bound && connect(fd, peer, sizeof(address)) == 0;
+  return bind(fd, Ipv4(0x7F000002, 0).get(), Ipv4::size) == 0 &&
+         connect(fd, Ipv4(INADDR_LOOPBACK, kHelperPort).get(), Ipv4::size) == 0;
 }
 
 // How many threads `pid` has now.

@@ -319,8 +319,10 @@ inline std::tuple<std::uint32_t, std::string, std::string> RunProgram(
     // has taken Ctrl-C back, as orvelctl does.
     if (interruptAfterFetches > 0 && WaitForFetchRecords(interruptAfterFetches, 15000).size() > 0)
       GenerateConsoleCtrlEvent(CTRL_C_EVENT, info.dwProcessId);
-    if (WaitForSingleObject(info.hProcess, 30000) != WAIT_OBJECT_0)
+    if (WaitForSingleObject(info.hProcess, 30000) != WAIT_OBJECT_0) {
       TerminateProcess(info.hProcess, 99);
+      WaitForSingleObject(info.hProcess, 10000);
+    }
     GetExitCodeProcess(info.hProcess, &exitCode);
   }
   for (HANDLE handle : {startup.hStdOutput, startup.hStdError, info.hProcess, info.hThread})
