@@ -139,7 +139,6 @@ bool ReplaceCore(const std::string& body, const std::string& plainConfig, std::s
     return false;
   }
   if (!StartCore(configPath, ReactToCoreEnd, errorMessage)) {
-    HelperLog().Append(errorMessage);
     answer = Disconnected(errorMessage);
     return false;
   }

@@ -4,10 +4,12 @@
 #include <filesystem>
 #include <string>
 
+#include "core/child_process.h"
+
 namespace orvel {
 
-// The one main core process (sing-box run -c ...), recorded by the platform
-// file (core_process_win.cpp, core_process_linux.cpp). A core that was
+// The one main core process (sing-box run -c ...), started and watched
+// through child_process.h. A core that was
 // started and not stopped since is asked of the system each time whether it
 // still runs. Starts and stops come one at a time (the command layer above
 // orders them); the record itself may be read from any thread.
@@ -26,8 +28,10 @@ struct CoreEnd {
 using CoreEndedHandler = void (*)(std::uint64_t generation, const CoreEnd& end);
 
 // Finds the core, launches it with `configPath` in the data directory (which
-// must exist) and waits 800 ms. True when it still runs then. A core that died
-// in that time is explained by its first output in `errorMessage`. The caller
+// must exist) and waits up to 800 ms. True when it still runs then. A core
+// that died in that time is explained by its first output in `errorMessage`,
+// the answer's text; every failure is logged, a failed launch with the call
+// that failed. The caller
 // must have stopped any previous core: the record is overwritten. The core
 // enters the record only once it has survived that wait; from then on its
 // output is read and kept, and its end is watched: `onEnd` hears of an end
@@ -43,5 +47,15 @@ bool ReleaseEndedCore(std::uint64_t generation);
 void StopCore();
 // A core was started, not stopped, and the system still reports it running.
 bool IsCoreRunning();
+// A handle of its own to the recorded core, for a thread that must end with
+// the core without touching the record, which a stop clears at any moment;
+// kNoChildHandle when there is none. The caller closes it (CloseChildHandle).
+ChildHandle DuplicateCoreHandle();
+
+// The core a start or a URL test runs: FindCoreExecutable's. In the service
+// only one that is root's alone (see root_only.h), as its resolved path; one
+// that is not is logged ("sing-box is not root's alone: <path> (uid N, mode
+// 0NNN)") and, like a missing core, gives false and "".
+bool ResolveCoreToRun(std::filesystem::path& exe);
 
 }  // namespace orvel

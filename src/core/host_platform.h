@@ -22,7 +22,7 @@ struct HostPlatform {
   std::string_view coreLaunchFailed;        // followed by the system's error number
   std::string_view coreExitedImmediately;   // followed by the core's output, summarised
   std::string_view coreExitedUnexpectedly;  // followed by "(exit code N): " and the summary
-  std::string_view testCoreNotFound;        // a URL test node's output
+  std::string_view coreWatchFailed;         // the start's message when no watcher starts
   PathRules pathRules;
 };
 

@@ -15,7 +15,7 @@ const HostPlatform& ThisPlatform() {
       "Failed to start sing-box: ",
       "sing-box exited immediately: ",
       "sing-box exited unexpectedly ",
-      "sing-box not found",
+      "Failed to watch sing-box",
       PathRules::kLinux,
   };
   return kLinux;

@@ -15,7 +15,7 @@ const HostPlatform& ThisPlatform() {
       "Failed to start sing-box.exe: ",
       "sing-box.exe exited immediately: ",
       "sing-box.exe exited unexpectedly ",
-      "sing-box.exe not found",
+      "Failed to watch sing-box.exe",
       PathRules::kWindows,
   };
   return kWindows;

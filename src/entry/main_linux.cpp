@@ -4,7 +4,7 @@
 
 #include "api/control_server.h"
 #include "commands/vpn_commands.h"
-#include "core/child_launch_linux.h"
+#include "core/child_process.h"
 #include "core/run_mode.h"
 #include "entry/run_mode_arguments.h"
 #include "entry/run_modes_linux.h"

@@ -6,6 +6,7 @@
 
 #include "api/control_server.h"
 #include "commands/vpn_commands.h"
+#include "core/child_process.h"
 #include "entry/service_host.h"
 #include "entry/session_end.h"
 
@@ -65,5 +66,7 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, PWSTR commandLine, int) {
   // Load system DLLs only from System32: the helper may run as LocalSystem,
   // and a DLL planted in the current folder must never be picked up.
   SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32);
+  // Before any thread: every core and URL test process inherits them.
+  orvel::SetCoreEnvironmentVariables();
   return static_cast<int>(RunHelper(commandLine != nullptr ? commandLine : L""));
 }

@@ -114,9 +114,4 @@ std::string BuildUrlTestResultLine(std::string_view nodeTag, std::int32_t delayM
   return line;
 }
 
-void AppendCapped(std::string& output, std::string_view chunk, std::size_t limit) {
-  if (output.size() >= limit) return;
-  output.append(chunk.substr(0, limit - output.size()));
-}
-
 }  // namespace orvel

@@ -63,8 +63,4 @@ std::string EncodeUrlTestBody(const UrlTestRequest& request, int version);
 // {"nodeTag":"<escaped tag>","delayMs":<delay>} and a line feed.
 std::string BuildUrlTestResultLine(std::string_view nodeTag, std::int32_t delayMs);
 
-// Appends as much of `chunk` as fits under `limit` bytes of `output`; the rest
-// is dropped (the caller keeps reading so the writer is never blocked).
-void AppendCapped(std::string& output, std::string_view chunk, std::size_t limit);
-
 }  // namespace orvel

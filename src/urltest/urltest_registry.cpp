@@ -13,7 +13,7 @@ struct UrlTestRegistry {
   std::mutex lock;
   std::unordered_map<std::string, std::uint64_t> canceledIds;  // when each was marked
   std::unordered_map<std::string, int> runningTests;           // tests running, by id
-  std::unordered_map<std::string, std::vector<TestProcessHandle>> runningProcesses;
+  std::unordered_map<std::string, std::vector<ChildHandle>> runningProcesses;
 };
 
 // Whether the mark of `id` made at `markedMs` still counts at `nowMs`.
@@ -86,15 +86,15 @@ void EndUrlTest(std::string_view requestId) {
   }
 }
 
-void RegisterTestProcess(std::string_view requestId, TestProcessHandle process) {
-  if (requestId.empty() || process == 0) return;
+void RegisterTestProcess(std::string_view requestId, ChildHandle process) {
+  if (requestId.empty() || process == kNoChildHandle) return;
   UrlTestRegistry& registry = Registry();
   std::lock_guard<std::mutex> guard(registry.lock);
   registry.runningProcesses[std::string(requestId)].push_back(process);
 }
 
-void UnregisterTestProcess(std::string_view requestId, TestProcessHandle process) {
-  if (requestId.empty() || process == 0) return;
+void UnregisterTestProcess(std::string_view requestId, ChildHandle process) {
+  if (requestId.empty() || process == kNoChildHandle) return;
   UrlTestRegistry& registry = Registry();
   std::lock_guard<std::mutex> guard(registry.lock);
   const auto entry = registry.runningProcesses.find(std::string(requestId));
@@ -103,10 +103,10 @@ void UnregisterTestProcess(std::string_view requestId, TestProcessHandle process
   if (entry->second.empty()) registry.runningProcesses.erase(entry);
 }
 
-std::vector<TestProcessHandle> MarkUrlTestCanceled(std::string_view requestId,
-                                                   TestProcessHandle (*keep)(TestProcessHandle),
-                                                   std::uint64_t nowMs) {
-  std::vector<TestProcessHandle> kept;
+std::vector<ChildHandle> MarkUrlTestCanceled(std::string_view requestId,
+                                             ChildHandle (*keep)(ChildHandle),
+                                             std::uint64_t nowMs) {
+  std::vector<ChildHandle> kept;
   UrlTestRegistry& registry = Registry();
   const std::string id(requestId);
   std::lock_guard<std::mutex> guard(registry.lock);
@@ -116,7 +116,7 @@ std::vector<TestProcessHandle> MarkUrlTestCanceled(std::string_view requestId,
   }
   const auto entry = registry.runningProcesses.find(id);
   if (entry != registry.runningProcesses.end()) {
-    for (TestProcessHandle process : entry->second) kept.push_back(keep(process));
+    for (ChildHandle process : entry->second) kept.push_back(keep(process));
   }
   return kept;
 }

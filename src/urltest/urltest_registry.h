@@ -5,6 +5,8 @@
 // processes running under each id. One lock guards both tables and is held
 // for the table operations only (never while terminating, waiting or logging).
 // Request ids are compared byte for byte; an empty id never matches anything.
+// A test process is held as its runner's ChildProcess::process, never closed
+// here: the runner that started the process owns it.
 //
 // A cancel for an id that no running test has is kept only a while: any
 // local caller may send one, and each would otherwise stay for good.
@@ -14,12 +16,9 @@
 #include <string_view>
 #include <vector>
 
-namespace orvel {
+#include "core/child_process.h"
 
-// A process as the platform knows it (a HANDLE on Windows, a pidfd on Linux);
-// 0 stands for none. The registry never closes one: the runner that started
-// the process owns it.
-using TestProcessHandle = std::intptr_t;
+namespace orvel {
 
 constexpr std::string_view kCancelAnswerCanceled = "{\"status\":\"canceled\"}";
 constexpr std::string_view kCancelAnswerIgnored = "{\"status\":\"ignored\"}";
@@ -39,20 +38,20 @@ bool IsUrlTestCanceled(std::string_view requestId, std::uint64_t nowMs = SteadyN
 // counted among the running tests until it ends.
 void BeginUrlTest(std::string_view requestId);
 void EndUrlTest(std::string_view requestId);
-void RegisterTestProcess(std::string_view requestId, TestProcessHandle process);
+void RegisterTestProcess(std::string_view requestId, ChildHandle process);
 // Removes every occurrence of `process`; the id's entry goes with its last process.
-void UnregisterTestProcess(std::string_view requestId, TestProcessHandle process);
+void UnregisterTestProcess(std::string_view requestId, ChildHandle process);
 
 // Marks the id as cancelled and returns its running processes in start order,
 // each passed through `keep` while the lock is still held. A runner may close
 // its handle as soon as the lock is released, so `keep` is where the caller
-// takes a copy that stays valid (a duplicate); it may return 0.
-std::vector<TestProcessHandle> MarkUrlTestCanceled(std::string_view requestId,
-                                                   TestProcessHandle (*keep)(TestProcessHandle),
-                                                   std::uint64_t nowMs = SteadyNowMs());
+// takes a copy that stays valid (a duplicate); it may return kNoChildHandle.
+std::vector<ChildHandle> MarkUrlTestCanceled(std::string_view requestId,
+                                             ChildHandle (*keep)(ChildHandle),
+                                             std::uint64_t nowMs = SteadyNowMs());
 
 // "/cancel-urltest": the whole body is the request id, nothing trimmed.
-// Terminates the id's processes with exit code 1 and logs the count.
+// Kills the id's processes (Windows: exit code 1) and logs the count.
 std::string HandleCancelUrlTest(const std::string& body);
 
 }  // namespace orvel

@@ -12,7 +12,7 @@
 #include <algorithm>
 #include <thread>
 
-#include "core/core_process_win.h"
+#include "core/child_process.h"
 #include "support/harness.h"
 #include "traffic/core_stats_client.h"
 #include "traffic/socket_tables.h"
@@ -47,7 +47,7 @@ std::uint16_t Bound(std::vector<SOCKET>& own, int family, int type, const char* 
 
 // More than a dying core's first lines ever need: the drain stops at the
 // chunk that passes 4 KiB.
-TEST(DrainPipeOutput, StopsAtTheChunkPastFourKiB) {
+TEST(DrainChildOutput, StopsAtTheChunkPastFourKiB) {
   std::string text;
   for (int i = 0; i < 12000; ++i) text += static_cast<char>('a' + i % 26);
   HANDLE read = nullptr, write = nullptr;
@@ -55,8 +55,10 @@ TEST(DrainPipeOutput, StopsAtTheChunkPastFourKiB) {
   DWORD written = 0;
   WriteFile(write, text.data(), text.size(), &written, nullptr);
   CloseHandle(write);
-  EXPECT_EQ(DrainPipeOutput(read), text.substr(0, 8192));
-  CloseHandle(read);
+  ChildProcess child;
+  child.output = reinterpret_cast<ChildHandle>(read);
+  EXPECT_EQ(DrainChildOutput(child), text.substr(0, 8192));
+  ReleaseChild(child);
 }
 
 // The two ends the core's controller double does not drive: a server that
