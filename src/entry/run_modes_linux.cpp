@@ -6,7 +6,6 @@
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
@@ -22,6 +21,7 @@
 
 #include "api/caller_policy.h"
 #include "commands/vpn_commands.h"
+#include "core/child_process.h"
 #include "core/data_files.h"
 #include "core/paths.h"
 #include "core/root_only.h"
@@ -57,25 +57,17 @@ void WatchTerminationSignals() {
   _exit(0);
 }
 
-// Runs a program of the system with its output dropped; true when it exited 0.
-bool RunQuietly(std::vector<std::string> arguments) {
-  std::vector<char*> argv;
-  for (std::string& argument : arguments) argv.push_back(argument.data());
-  argv.push_back(nullptr);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    const int null = open("/dev/null", O_RDWR);
-    if (null >= 0) {
-      dup2(null, STDIN_FILENO);
-      dup2(null, STDOUT_FILENO);
-      dup2(null, STDERR_FILENO);
-    }
-    execvp(argv[0], argv.data());
-    _exit(127);
-  }
-  int status = 0;
-  return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) &&
-         WEXITSTATUS(status) == 0;
+// Runs a program of the system (looked up on PATH) with its output dropped;
+// true when it exited 0.
+bool RunQuietly(const char* program, std::vector<std::string> arguments) {
+  const ChildLaunch launch{.program = program, .arguments = std::move(arguments)};
+  ChildProcess child;
+  SystemError ignored;  // the installer's answer names the step, not the call
+  if (!LaunchChild(launch, child, ignored)) return false;
+  WaitForChild(child, -1);
+  const bool exitedZero = child.exit && !child.exit->bySignal && child.exit->code == 0;
+  ReleaseChild(child);
+  return exitedZero;
 }
 
 // Removes `path` (a file or a link, never followed); true when it is gone,
@@ -171,18 +163,18 @@ int InstallService() {
     return kInstallNotWritten;
   }
   if (getgrnam(kServiceGroupName) == nullptr &&
-      !RunQuietly({"groupadd", "--system", kServiceGroupName})) {
+      !RunQuietly("groupadd", {"--system", kServiceGroupName})) {
     return kInstallNoGroup;
   }
   const std::string user = InvokingUser();
-  if (!user.empty() && !RunQuietly({"usermod", "--append", "--groups", kServiceGroupName, user})) {
+  if (!user.empty() && !RunQuietly("usermod", {"--append", "--groups", kServiceGroupName, user})) {
     return kInstallNoGroup;
   }
   // Enabled for boot, never started or stopped here. Without a running
   // systemd, the link that `systemctl enable` would make.
   if (std::filesystem::exists("/run/systemd/system", ec)) {
-    return RunQuietly({"systemctl", "daemon-reload"}) &&
-                   RunQuietly({"systemctl", "enable", kServiceUnitName})
+    return RunQuietly("systemctl", {"daemon-reload"}) &&
+                   RunQuietly("systemctl", {"enable", kServiceUnitName})
                ? 0
                : kInstallNotEnabled;
   }
@@ -203,14 +195,14 @@ int UninstallService() {
   // Only a unit the installer wrote is stopped: where nothing is installed
   // there is nothing to stop, and systemctl would fail on an unknown unit.
   if (installed && systemdRuns &&
-      !RunQuietly({"systemctl", "disable", "--now", kServiceUnitName})) {
+      !RunQuietly("systemctl", {"disable", "--now", kServiceUnitName})) {
     return kUninstallNotStopped;
   }
   if (!RemoveIfPresent(kServiceWantsLink) || !RemoveIfPresent(kServiceUnitPath) ||
       !RemoveIfPresent(kPolkitRulePath)) {
     return kUninstallNotRemoved;
   }
-  if (installed && systemdRuns && !RunQuietly({"systemctl", "daemon-reload"})) {
+  if (installed && systemdRuns && !RunQuietly("systemctl", {"daemon-reload"})) {
     return kUninstallNotStopped;
   }
   // Links inside are removed, never followed.
