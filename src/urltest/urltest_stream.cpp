@@ -54,7 +54,7 @@ void UrlTestWorker(UrlTestSession& session) {
     const std::uint64_t index = session.nextIndex.fetch_add(1);
     if (index >= nodeCount) return;
     const std::string& tag = request.nodeTags[index];
-    NodeTestResult& result = session.results[index];
+    NodeTestResult result;
     RunNodeTest(session.configPath, request, tag, request.url, result);
     // A cancelled node gets no line, even when its process had finished.
     if (IsUrlTestCanceled(requestId)) return;
@@ -117,7 +117,6 @@ void HandleUrlTest(SocketHandle socket, const std::string& body) {
   SendBytes(socket, kUrlTestStreamHead);
 
   session.socket = socket;
-  session.results.assign(request.nodeTags.size(), NodeTestResult{});
   session.nextIndex = 0;
   RunWorkers(session);
 

@@ -25,8 +25,6 @@ constexpr std::size_t kMaxUrlTestWorkers = 12;
 struct UrlTestSession {
   UrlTestRequest request;
   std::filesystem::path configPath;
-  // One per node tag; results[i] is touched only by the worker that claimed i.
-  std::vector<NodeTestResult> results;
   std::atomic<std::uint64_t> nextIndex{0};
   // Held around the single send of one line, so lines never interleave.
   std::mutex sendLock;
