@@ -14,6 +14,7 @@
 
 #include "api/caller_identity.h"
 #include "core/run_mode.h"
+#include "core/system_error.h"
 #include "traffic/sock_diag_linux.h"
 
 namespace orvel {
@@ -27,12 +28,20 @@ struct ClientEnd {
   sockaddr_storage server{};
 };
 
-bool FindEnds(int socket, ClientEnd& ends) {
+// False with `error` naming the call that failed, or with it untouched for
+// addresses that are not one TCP family's.
+bool FindEnds(int socket, ClientEnd& ends, SystemError& error) {
   socklen_t length = sizeof(ends.client);
-  if (getpeername(socket, reinterpret_cast<sockaddr*>(&ends.client), &length) != 0) return false;
+  if (getpeername(socket, reinterpret_cast<sockaddr*>(&ends.client), &length) != 0) {
+    error = LastSystemError("getpeername");
+    return false;
+  }
   length = sizeof(ends.server);
-  return getsockname(socket, reinterpret_cast<sockaddr*>(&ends.server), &length) == 0 &&
-         ends.client.ss_family == ends.server.ss_family &&
+  if (getsockname(socket, reinterpret_cast<sockaddr*>(&ends.server), &length) != 0) {
+    error = LastSystemError("getsockname");
+    return false;
+  }
+  return ends.client.ss_family == ends.server.ss_family &&
          (ends.client.ss_family == AF_INET || ends.client.ss_family == AF_INET6);
 }
 
@@ -57,7 +66,7 @@ void FillSocketId(const ClientEnd& ends, inet_diag_req_v2& request) {
 // One sock_diag request for exactly that socket. A client socket bound to a
 // device (SO_BINDTODEVICE, open to every user) is found only when the request
 // names the same device, so the loopback interface is asked for second.
-std::optional<ClientSocketRow> AskSockDiag(const ClientEnd& ends) {
+std::optional<ClientSocketRow> AskSockDiag(const ClientEnd& ends, SystemError& error) {
   inet_diag_req_v2 request{};
   request.sdiag_family = static_cast<__u8>(ends.client.ss_family);
   request.sdiag_protocol = IPPROTO_TCP;
@@ -69,11 +78,11 @@ std::optional<ClientSocketRow> AskSockDiag(const ClientEnd& ends) {
   const KernelRowSink keep = [&](const KernelSocketRow& row) {
     found = ClientSocketRow{row.state, row.inode, row.uid};
   };
-  if (QuerySockDiag(request, false, keep)) return found;
+  if (QuerySockDiag(request, false, keep, error)) return found;
   static const unsigned loopbackIndex = if_nametoindex("lo");
   if (loopbackIndex == 0) return std::nullopt;
   request.id.idiag_if = loopbackIndex;
-  QuerySockDiag(request, false, keep);
+  QuerySockDiag(request, false, keep, error);
   return found;
 }
 
@@ -174,8 +183,10 @@ std::optional<std::uint32_t> ServiceGroupId() {
 CallerIdentity IdentifyCaller(SocketHandle socket) {
   CallerIdentity identity;
   ClientEnd ends;
-  if (!FindEnds(static_cast<int>(socket), ends)) return identity;
-  const std::optional<ClientSocketRow> row = AskSockDiag(ends);
+  SystemError error;
+  std::optional<ClientSocketRow> row;
+  if (FindEnds(static_cast<int>(socket), ends, error)) row = AskSockDiag(ends, error);
+  if (!row && !error.call.empty()) identity.failure = DescribeSystemError(error);
   identity.uid = LiveSocketOwner(row);
   if (identity.uid) FindHelperChild(row->inode, identity);
   return identity;

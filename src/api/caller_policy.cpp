@@ -27,7 +27,9 @@ std::string DescribeRefusedCaller(const CallerIdentity& caller) {
   } else {
     who = caller.uid ? "uid " + std::to_string(*caller.uid) : std::string("an unknown uid");
   }
-  return "Refused a connection from " + who + ": not allowed to use this helper";
+  std::string line = "Refused a connection from " + who + ": not allowed to use this helper";
+  if (!caller.failure.empty()) line += " (" + caller.failure + ")";
+  return line;
 }
 
 bool AdmitConnection(ConnectionCounts& counts, std::optional<std::uint32_t> uid) {

@@ -45,6 +45,7 @@ struct CallerIdentity {
   std::optional<std::uint32_t> uid;       // none when the owner is unknown
   std::optional<std::uint32_t> childPid;  // a process the helper started holds the client end
   std::string childName;
+  std::string failure;  // the failed system call that left the owner unknown, if one did
 };
 
 struct CallerFacts {
@@ -64,7 +65,8 @@ bool MayUseHelper(const CallerFacts& facts);
 
 // "Refused a connection from uid N: not allowed to use this helper", or for
 // the helper's own child "... from pid N (name), a process the helper
-// started: ...". The name is shown with its control bytes escaped.
+// started: ...". The name is shown with its control bytes escaped; the failed
+// call behind an unknown owner follows in parentheses.
 std::string DescribeRefusedCaller(const CallerIdentity& caller);
 
 // The connections being served now, by user id (none for callers that are not

@@ -7,9 +7,14 @@
 
 namespace orvel {
 
-bool QuerySockDiag(const inet_diag_req_v2& request, bool dump, const KernelRowSink& sink) {
+bool QuerySockDiag(const inet_diag_req_v2& request, bool dump, const KernelRowSink& sink,
+                   SystemError& error) {
+  constexpr std::string_view kWhat = "NETLINK_SOCK_DIAG";
   const int diag = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
-  if (diag < 0) return false;
+  if (diag < 0) {
+    error = LastSystemError("socket", kWhat);
+    return false;
+  }
   // The kernel answers at once; the bound keeps a caller's identity look-up
   // (on the accepting thread) from ever waiting long.
   const timeval bound{1, 0};
@@ -35,11 +40,14 @@ bool QuerySockDiag(const inet_diag_req_v2& request, bool dump, const KernelRowSi
     alignas(nlmsghdr) static thread_local char buffer[32768];
     do {
       const ssize_t got = recv(diag, buffer, sizeof(buffer), 0);
+      if (got < 0) error = LastSystemError("recv", kWhat);
       status = got <= 0
                    ? DiagStatus::kFailed
                    : ReadDiagAnswer(std::string_view(buffer, static_cast<std::size_t>(got)), count);
       // A request for one socket is answered with that socket alone.
     } while (dump && status == DiagStatus::kMore);
+  } else {
+    error = LastSystemError("sendto", kWhat);
   }
   close(diag);
   return dump ? status == DiagStatus::kDone : status != DiagStatus::kFailed && found;

@@ -39,9 +39,9 @@ bool DumpThroughNetlink(const Table& table, std::vector<KernelSocketRow>& rows) 
   request.sdiag_family = static_cast<std::uint8_t>(table.family);
   request.sdiag_protocol = table.ipProtocol;
   request.idiag_states = table.ipProtocol == IPPROTO_TCP ? 1U << kTcpEstablished : ~0U;
-  if (QuerySockDiag(request, true, [&](const KernelSocketRow& row) { rows.push_back(row); })) {
-    return true;
-  }
+  const KernelRowSink keep = [&](const KernelSocketRow& row) { rows.push_back(row); };
+  SystemError unused;  // /proc/net answers instead, whatever failed
+  if (QuerySockDiag(request, true, keep, unused)) return true;
   rows.clear();
   return false;
 }

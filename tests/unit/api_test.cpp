@@ -148,11 +148,14 @@ TEST(MayUseHelper, RootTheOwnUserOrTheServiceGroupThroughALiveSocketOnly) {
     EXPECT_EQ(MayUseHelper(facts), c.allowed)
         << c.service << " " << (c.row ? c.row->uid : -1) << " " << c.child;
   }
-  EXPECT_EQ(DescribeRefusedCaller({1001, std::nullopt, ""}),
+  EXPECT_EQ(DescribeRefusedCaller({1001, std::nullopt, "", ""}),
             "Refused a connection from uid 1001: not allowed to use this helper");
-  EXPECT_EQ(DescribeRefusedCaller({0, 4242, "sing-box\x1b]0"}),
+  EXPECT_EQ(DescribeRefusedCaller({0, 4242, "sing-box\x1b]0", ""}),
             "Refused a connection from pid 4242 (sing-box\\x1B]0), a process the helper "
             "started: not allowed to use this helper");
+  EXPECT_EQ(DescribeRefusedCaller({std::nullopt, std::nullopt, "", "recv failed: 11"}),
+            "Refused a connection from an unknown uid: not allowed to use this helper (recv "
+            "failed: 11)");
 }
 
 TEST(ConnectionCounts, SixtyFourInAllSixteenPerUserOneLogLineASecond) {
