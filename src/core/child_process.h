@@ -67,6 +67,11 @@ struct ChildProcess {
   std::optional<ChildExit> exit;
 };
 
+// The child has ended by itself with exit code 0.
+inline bool ExitedWithZero(const ChildProcess& child) {
+  return child.exit && !child.exit->bySignal && child.exit->code == 0;
+}
+
 // The call LaunchChild names when the output pipe could not be made ("pipe2",
 // "CreatePipe"), before any child existed.
 extern const std::string_view kOutputPipeCall;

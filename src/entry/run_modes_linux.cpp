@@ -65,7 +65,7 @@ bool RunQuietly(const char* program, std::vector<std::string> arguments) {
   SystemError ignored;  // the installer's answer names the step, not the call
   if (!LaunchChild(launch, child, ignored)) return false;
   WaitForChild(child, -1);
-  const bool exitedZero = child.exit && !child.exit->bySignal && child.exit->code == 0;
+  const bool exitedZero = ExitedWithZero(child);
   ReleaseChild(child);
   return exitedZero;
 }

@@ -1,16 +1,12 @@
-#include <fcntl.h>
 #include <gio/gio.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "core/child_process.h"
 #include "sysproxy/desktop_proxy_linux.h"
-
-extern char** environ;
 
 namespace orvel {
 
@@ -21,35 +17,25 @@ namespace {
 constexpr const char* kKdeAbsent = "\x01orvel-absent";
 
 // Runs kreadconfig/kwriteconfig (the session's version) and returns its
-// output without the last line feed; false when it did not exit 0.
+// output without the last line feed; false when it did not exit 0. Its
+// warnings on stderr are dropped: only stdout is the value.
 bool RunKdeConfig(bool write, std::vector<std::string> arguments, std::string& output) {
   const char* version = std::getenv("KDE_SESSION_VERSION");
   const std::string tool = std::string(write ? "kwriteconfig" : "kreadconfig") +
                            (version != nullptr && std::string(version) == "6" ? "6" : "5");
-  arguments.insert(arguments.begin(), {tool, "--file", "kioslaverc", "--group", "Proxy Settings"});
-  std::vector<char*> argv;
-  for (std::string& argument : arguments) argv.push_back(argument.data());
-  argv.push_back(nullptr);
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) return false;
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
-  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-  pid_t pid = -1;
-  const bool spawned = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0;
-  posix_spawn_file_actions_destroy(&actions);
-  close(ends[1]);
+  arguments.insert(arguments.begin(), {"--file", "kioslaverc", "--group", "Proxy Settings"});
+  const ChildLaunch launch{
+      .program = tool, .arguments = std::move(arguments), .output = ChildOutput::kStdoutCaptured};
+  ChildProcess child;
+  SystemError ignored;  // the caller logs which tool did not do its part
   output.clear();
-  char chunk[4096];
-  for (ssize_t got; spawned && (got = read(ends[0], chunk, sizeof(chunk))) > 0;) {
-    output.append(chunk, static_cast<std::size_t>(got));
-  }
-  close(ends[0]);
-  int status = 0;
-  if (!spawned || waitpid(pid, &status, 0) != pid) return false;
+  if (!LaunchChild(launch, child, ignored)) return false;
+  for (std::string chunk; ReadChildOutput(child, chunk);) output += chunk;
+  WaitForChild(child, -1);
+  const bool exitedZero = ExitedWithZero(child);
+  ReleaseChild(child);
   if (!output.empty() && output.back() == '\n') output.pop_back();
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  return exitedZero;
 }
 
 bool ReadKdeKey(const char* key, DesktopProxySetting& setting) {

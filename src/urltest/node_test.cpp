@@ -28,8 +28,7 @@ bool AwaitNodeTest(ChildProcess& child, const std::string& requestId, std::uint6
   result.outcome = !ended      ? NodeTestOutcome::kTimedOut
                    : cancelled ? NodeTestOutcome::kCancelled
                                : NodeTestOutcome::kEnded;
-  const bool passed = result.outcome == NodeTestOutcome::kEnded && child.exit &&
-                      !child.exit->bySignal && child.exit->code == 0;
+  const bool passed = result.outcome == NodeTestOutcome::kEnded && ExitedWithZero(child);
   result.delayMs = passed ? static_cast<std::int32_t>(static_cast<std::uint32_t>(elapsedMs)) : 0;
   return passed;
 }
