@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "core/core_process.h"
 #include "traffic/core_stats_client.h"
 #include "traffic/traffic_sample_slot.h"
 #include "traffic/traffic_stream_io.h"
@@ -13,7 +14,7 @@ namespace {
 // One connection: connect, ask, and store every sample until the stream ends
 // or fails, or the core ends. The connection is closed on every path. True
 // when at least one sample came.
-bool ReadStreamOnce(CoreWatch core, std::uint64_t generation) {
+bool ReadStreamOnce(ChildHandle core, std::uint64_t generation) {
   TrafficConnection connection;
   if (!OpenTrafficConnection(core, connection)) return false;
   bool open = SendTrafficRequest(connection, BuildControllerRequest("/traffic"));
@@ -39,14 +40,14 @@ bool ReadStreamOnce(CoreWatch core, std::uint64_t generation) {
 // answers and closes, as with a secret): each closed connection leaves a
 // TIME_WAIT row in the socket tables, which Wine's table calls pay for row by
 // row. The core's own watcher reaps it (and reports how it ended): never here.
-void ReadTrafficStream(CoreWatch core, std::uint64_t generation) {
+void ReadTrafficStream(ChildHandle core, std::uint64_t generation) {
   std::uint32_t pauseMs = kTrafficReaderRetryMs;
   for (;;) {
     if (ReadStreamOnce(core, generation)) pauseMs = kTrafficReaderRetryMs;
     if (WaitForCoreEnd(core, pauseMs) || !IsCurrentTrafficReader(generation)) break;
     pauseMs = std::min(pauseMs * 2, kTrafficReaderMaxRetryMs);
   }
-  CloseCoreWatch(core);
+  CloseChildHandle(core);
   StoreTrafficSample(generation, {});
 }
 
@@ -54,10 +55,10 @@ void ReadTrafficStream(CoreWatch core, std::uint64_t generation) {
 
 void StartTrafficReader() {
   const std::uint64_t generation = BeginTrafficReaderGeneration();
-  CoreWatch core;
-  if (!OpenCoreWatch(core)) return;
+  const ChildHandle core = DuplicateCoreHandle();
+  if (core == kNoChildHandle) return;
   // Nothing joins it; it ends with its core.
-  if (!StartTrafficReaderThread(ReadTrafficStream, core, generation)) CloseCoreWatch(core);
+  if (!StartTrafficReaderThread(ReadTrafficStream, core, generation)) CloseChildHandle(core);
 }
 
 }  // namespace orvel

@@ -1,28 +1,22 @@
 #pragma once
 
 // The system calls of the core's traffic reader (traffic_reader.cpp), one
-// file per system: the core is a pidfd on Linux and a process handle on
-// Windows, the controller connection a descriptor or a socket with its
-// network event. Both are held here as plain numbers so that the reader's
-// loop is written once.
+// file per system. `core` is the reader's own handle to the core it reads
+// (DuplicateCoreHandle's: a pidfd on Linux, a process handle on Windows); the
+// controller connection is a descriptor, or a socket with its network event,
+// held as plain numbers so that the reader's loop is written once.
 
 #include <cstdint>
 #include <string>
 #include <string_view>
 
+#include "core/child_process.h"
+
 namespace orvel {
 
-// The reader's own handle to the core it reads; it ends when that core ends.
-struct CoreWatch {
-  std::uintptr_t handle = 0;
-};
-
-// A handle of the reader's own to the recorded core; false when none runs.
-bool OpenCoreWatch(CoreWatch& core);
-void CloseCoreWatch(CoreWatch core);
 // Waits at most `ms` for the core to end: false only when the time ran out
 // with the core still running.
-bool WaitForCoreEnd(CoreWatch core, std::uint32_t ms);
+bool WaitForCoreEnd(ChildHandle core, std::uint32_t ms);
 
 // A connection to the core's controller, non-blocking once connected.
 struct TrafficConnection {
@@ -32,20 +26,20 @@ struct TrafficConnection {
 
 // Connects to the controller within kCoreApiTimeoutMs, or sooner gives up
 // when the core ends; false with nothing left open on failure.
-bool OpenTrafficConnection(CoreWatch core, TrafficConnection& connection);
+bool OpenTrafficConnection(ChildHandle core, TrafficConnection& connection);
 // The request is a few dozen bytes into an empty send buffer: the one
 // non-blocking send takes it whole or fails, and a failure means retry.
 bool SendTrafficRequest(const TrafficConnection& connection, std::string_view request);
 // Waits, with no time-out, until the stream has news: true then, false when
 // the core has ended or the wait failed.
-bool WaitForTrafficData(const TrafficConnection& connection, CoreWatch core);
+bool WaitForTrafficData(const TrafficConnection& connection, ChildHandle core);
 // Appends what has arrived to `pending`; false when the stream ended or failed.
 bool ReceiveTrafficBytes(const TrafficConnection& connection, std::string& pending);
 void CloseTrafficConnection(const TrafficConnection& connection);
 
 // Runs `read(core, generation)` on a detached thread with a small stack;
 // false when no thread could be made (the caller still owns `core`).
-bool StartTrafficReaderThread(void (*read)(CoreWatch, std::uint64_t), CoreWatch core,
+bool StartTrafficReaderThread(void (*read)(ChildHandle, std::uint64_t), ChildHandle core,
                               std::uint64_t generation);
 
 }  // namespace orvel

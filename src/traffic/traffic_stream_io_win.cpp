@@ -1,6 +1,5 @@
 #include <winsock2.h>
 
-#include "core/core_process_win.h"
 #include "traffic/controller_socket_win.h"
 #include "traffic/core_stats_client.h"
 #include "traffic/traffic_stream_io.h"
@@ -9,7 +8,7 @@ namespace orvel {
 
 namespace {
 
-HANDLE Process(CoreWatch core) { return reinterpret_cast<HANDLE>(core.handle); }
+HANDLE Process(ChildHandle core) { return reinterpret_cast<HANDLE>(core); }
 SOCKET Socket(const TrafficConnection& connection) {
   return static_cast<SOCKET>(connection.socket);
 }
@@ -18,8 +17,8 @@ WSAEVENT Ready(const TrafficConnection& connection) {
 }
 
 struct ReaderStart {
-  void (*read)(CoreWatch, std::uint64_t);
-  CoreWatch core;
+  void (*read)(ChildHandle, std::uint64_t);
+  ChildHandle core;
   std::uint64_t generation;
 };
 
@@ -32,21 +31,12 @@ DWORD WINAPI ReaderThread(LPVOID parameter) {
 
 }  // namespace
 
-// The reader's own handle to the core's process: signalled once it has ended.
-bool OpenCoreWatch(CoreWatch& core) {
-  HANDLE process = DuplicateCoreProcessHandle();
-  if (process == nullptr) return false;
-  core.handle = reinterpret_cast<std::uintptr_t>(process);
-  return true;
-}
-
-void CloseCoreWatch(CoreWatch core) { CloseHandle(Process(core)); }
-
-bool WaitForCoreEnd(CoreWatch core, std::uint32_t ms) {
+// The core's process handle is signalled once it has ended.
+bool WaitForCoreEnd(ChildHandle core, std::uint32_t ms) {
   return WaitForSingleObject(Process(core), ms) != WAIT_TIMEOUT;
 }
 
-bool OpenTrafficConnection(CoreWatch core, TrafficConnection& connection) {
+bool OpenTrafficConnection(ChildHandle core, TrafficConnection& connection) {
   const SOCKET s = OpenControllerSocket();
   if (s == INVALID_SOCKET) return false;
   const WSAEVENT ready = WSACreateEvent();
@@ -66,7 +56,7 @@ bool SendTrafficRequest(const TrafficConnection& connection, std::string_view re
   return send(Socket(connection), request.data(), requestBytes, 0) == requestBytes;
 }
 
-bool WaitForTrafficData(const TrafficConnection& connection, CoreWatch core) {
+bool WaitForTrafficData(const TrafficConnection& connection, ChildHandle core) {
   const HANDLE waits[] = {Ready(connection), Process(core)};
   if (WaitForMultipleObjects(2, waits, FALSE, INFINITE) != WAIT_OBJECT_0) return false;
   WSANETWORKEVENTS events{};
@@ -93,7 +83,7 @@ void CloseTrafficConnection(const TrafficConnection& connection) {
 // library races when it recycles a detached thread's record (see the
 // connection threads of the control server). The stack is reserved small:
 // the reader needs a few KiB.
-bool StartTrafficReaderThread(void (*read)(CoreWatch, std::uint64_t), CoreWatch core,
+bool StartTrafficReaderThread(void (*read)(ChildHandle, std::uint64_t), ChildHandle core,
                               std::uint64_t generation) {
   constexpr SIZE_T kReaderStackBytes = 64 * 1024;
   auto* start = new ReaderStart{read, core, generation};
