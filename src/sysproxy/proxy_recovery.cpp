@@ -33,12 +33,15 @@ bool ReadProxyStateFile(std::string& bytes) {
 // ("proxy-state.txt.<suffix>"); the file each would have replaced, if any, is
 // still whole.
 void RemoveUnfinishedWrites() {
-  const std::string prefix = ProxyStatePath().filename().string() + ".";
+  // Compared as the system's own text: a name that does not convert (an
+  // unpaired UTF-16 unit on Windows) would otherwise throw.
+  const std::filesystem::path::string_type prefix =
+      ProxyStatePath().filename().native() + std::filesystem::path(".").native();
   std::error_code ec;
   for (std::filesystem::directory_iterator entry(GetDataDirectory(), ec);
        !ec && entry != std::filesystem::directory_iterator(); entry.increment(ec)) {
     std::error_code ignored;
-    if (entry->path().filename().string().starts_with(prefix)) {
+    if (entry->path().filename().native().starts_with(prefix)) {
       std::filesystem::remove(entry->path(), ignored);
     }
   }
