@@ -208,14 +208,14 @@ TEST_F(Helper, KilledHelperTakesItsProcessesAlongAndTheNextPutsTheProxyBack) {
   EXPECT_FALSE(fs::exists(DataFile(L"proxy-state.txt")));
   // A state file that cannot be written costs the crash recovery, not the
   // start: the values still go back at the stop.
-  fs::create_directories(DataFile(L"proxy-state.txt.tmp"));
+  fs::create_directories(DataFile(L"proxy-state.txt"));
   EXPECT_EQ(Post("/start", Config()), kConnected);
   EXPECT_NE(Logs().find("] Crash recovery is off for this start: the saved proxy settings could "
-                        "not be written: create: "),
+                        "not be written: "),
             std::string::npos);
   EXPECT_EQ(Post("/stop"), kDisconnected);
   EXPECT_EQ(ReadProxyValues(), kUserProxy);
-  fs::remove_all(DataFile(L"proxy-state.txt.tmp"));
+  fs::remove_all(DataFile(L"proxy-state.txt"));
 }
 
 // The user's values come back when the session ends under a running helper,

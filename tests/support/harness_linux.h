@@ -254,5 +254,7 @@ constexpr const char* kOrvelctlFileName = "orvelctl";
 // be created because a directory has its name (EISDIR).
 constexpr const char* kCoreIsDirectoryError = "13";
 constexpr const char* kFileIsDirectoryError = "21";
+// The call that fails then, as the log names it.
+constexpr const char* kWriteFileCall = "open";
 
 }  // namespace orvel::test

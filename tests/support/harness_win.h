@@ -373,5 +373,7 @@ constexpr const char* kOrvelctlFileName = "orvelctl.exe";
 // cannot be created because a directory has its name.
 constexpr const char* kCoreIsDirectoryError = "5";
 constexpr const char* kFileIsDirectoryError = "5";
+// The call that fails then, as the log names it.
+constexpr const char* kWriteFileCall = "CreateFile";
 
 }  // namespace orvel::test
