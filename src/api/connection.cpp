@@ -7,6 +7,7 @@
 #include "api/http_request.h"
 #include "api/request_guard.h"
 #include "api/routes.h"
+#include "core/detached_thread.h"
 #include "log/log_buffer.h"
 
 namespace orvel {
@@ -142,6 +143,19 @@ void HandleConnection(const AcceptedConnection& connection) {
     RefuseCaller(connection);
   }
   DropConnection(connection);
+}
+
+bool StartConnectionThread(const AcceptedConnection& connection) {
+  auto* handed = new AcceptedConnection(connection);
+  const bool started = StartDetachedThread(
+      [](void* parameter) {
+        const AcceptedConnection own = *static_cast<AcceptedConnection*>(parameter);
+        delete static_cast<AcceptedConnection*>(parameter);
+        HandleConnection(own);
+      },
+      handed);
+  if (!started) delete handed;
+  return started;
 }
 
 }  // namespace orvel

@@ -21,6 +21,10 @@ struct AcceptedConnection {
 // already closed (no answer) and counted for the log.
 bool AdmitAcceptedConnection(SocketHandle socket, AcceptedConnection& connection);
 
+// Hands an admitted connection to a thread of its own that runs
+// HandleConnection; false when no thread could be started.
+bool StartConnectionThread(const AcceptedConnection& connection);
+
 // For an admitted connection whose thread could not be started.
 void DropConnection(const AcceptedConnection& connection);
 

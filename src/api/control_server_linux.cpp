@@ -2,7 +2,6 @@
 #include <errno.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -16,30 +15,6 @@
 namespace orvel {
 
 namespace {
-
-void* ConnectionThread(void* parameter) {
-  const AcceptedConnection connection = *static_cast<AcceptedConnection*>(parameter);
-  delete static_cast<AcceptedConnection*>(parameter);
-  HandleConnection(connection);
-  return nullptr;
-}
-
-// Every open connection holds a thread (an idle client included), so the
-// stack is kept at 256 KiB; the deepest request path (a URL test stream or a
-// snapshot) needs a few KiB of it.
-bool StartConnectionThread(const AcceptedConnection& connection) {
-  constexpr std::size_t kConnectionStackBytes = 256 * 1024;
-  pthread_attr_t attributes;
-  if (pthread_attr_init(&attributes) != 0) return false;
-  pthread_attr_setstacksize(&attributes, kConnectionStackBytes);
-  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-  pthread_t thread;
-  auto* handed = new AcceptedConnection(connection);
-  const bool started = pthread_create(&thread, &attributes, ConnectionThread, handed) == 0;
-  pthread_attr_destroy(&attributes);
-  if (!started) delete handed;
-  return started;
-}
 
 // A listening socket on the loopback address of `family`, or -1 with `error`
 // naming the call that failed. Close-on-exec from its creation, as is every

@@ -13,36 +13,6 @@ namespace orvel {
 
 namespace {
 
-DWORD WINAPI ConnectionThread(LPVOID parameter) {
-  const AcceptedConnection connection = *static_cast<AcceptedConnection*>(parameter);
-  delete static_cast<AcceptedConnection*>(parameter);
-  HandleConnection(connection);
-  return 0;
-}
-
-// A plain Windows thread rather than a detached std::thread: the MinGW
-// threads library races when it recycles the record of a detached thread, and
-// now and then a new thread starts with a null argument and crashes the
-// helper (about once per thousand short connections under Wine; the crashed
-// helper then hangs in the debugger with its sockets open). Threads that are
-// joined, like the URL test workers, are not affected.
-//
-// The stack is reserved at 256 KiB instead of the exe's default 1 MiB: every
-// open connection holds a thread (an idle client included), and the deepest
-// request path (a URL test stream or a snapshot) needs a few KiB of it.
-bool StartConnectionThread(const AcceptedConnection& connection) {
-  constexpr SIZE_T kConnectionStackBytes = 256 * 1024;
-  auto* handed = new AcceptedConnection(connection);
-  HANDLE thread = CreateThread(nullptr, kConnectionStackBytes, ConnectionThread, handed,
-                               STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
-  if (thread == nullptr) {
-    delete handed;
-    return false;
-  }
-  CloseHandle(thread);
-  return true;
-}
-
 // A listening socket on `address` (`where` in the log) that no other socket
 // can share, or INVALID_SOCKET with `error` naming the call that failed. Not
 // inheritable: a core started later must not keep the port bound.

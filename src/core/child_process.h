@@ -140,8 +140,4 @@ void ReleaseChild(ChildProcess& child);
 // Milliseconds of the monotonic clock.
 std::uint64_t MonotonicMs();
 
-// Runs `run(argument)` on a thread nobody joins (a watcher that ends after
-// its child); false when no thread could be started.
-bool StartDetachedThread(void (*run)(void*), void* argument);
-
 }  // namespace orvel

@@ -371,13 +371,4 @@ std::uint64_t MonotonicMs() {
          static_cast<std::uint64_t>(now.tv_nsec) / 1000000u;
 }
 
-bool StartDetachedThread(void (*run)(void*), void* argument) {
-  try {
-    std::thread(run, argument).detach();
-    return true;
-  } catch (const std::system_error&) {
-    return false;
-  }
-}
-
 }  // namespace orvel

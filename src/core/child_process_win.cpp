@@ -148,14 +148,6 @@ bool CreateOutputPipe(UniqueHandle& readEnd, UniqueHandle& writeEnd, SystemError
   return true;
 }
 
-DWORD WINAPI RunThread(LPVOID parameter) {
-  const auto* start = static_cast<std::pair<void (*)(void*), void*>*>(parameter);
-  const auto [run, argument] = *start;
-  delete start;
-  run(argument);
-  return 0;
-}
-
 }  // namespace
 
 void SetCoreEnvironmentVariables() {
@@ -269,21 +261,5 @@ void ReleaseChild(ChildProcess& child) {
 }
 
 std::uint64_t MonotonicMs() { return GetTickCount64(); }
-
-// A plain Windows thread, not a detached std::thread: the MinGW threads
-// library races when it recycles a detached thread's record. A watcher needs
-// little stack.
-bool StartDetachedThread(void (*run)(void*), void* argument) {
-  constexpr SIZE_T kStackBytes = 64 * 1024;
-  auto* start = new std::pair<void (*)(void*), void*>(run, argument);
-  HANDLE thread = CreateThread(nullptr, kStackBytes, RunThread, start,
-                               STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
-  if (thread == nullptr) {
-    delete start;
-    return false;
-  }
-  CloseHandle(thread);
-  return true;
-}
 
 }  // namespace orvel

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "core/core_output.h"
+#include "core/detached_thread.h"
 #include "core/host_platform.h"
 #include "core/paths.h"
 #include "core/root_only.h"

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "core/core_process.h"
+#include "core/detached_thread.h"
 #include "traffic/core_stats_client.h"
 #include "traffic/traffic_sample_slot.h"
 #include "traffic/traffic_stream_io.h"
@@ -51,6 +52,17 @@ void ReadTrafficStream(ChildHandle core, std::uint64_t generation) {
   StoreTrafficSample(generation, {});
 }
 
+struct ReaderStart {
+  ChildHandle core;
+  std::uint64_t generation;
+};
+
+void RunTrafficReader(void* parameter) {
+  const ReaderStart start = *static_cast<ReaderStart*>(parameter);
+  delete static_cast<ReaderStart*>(parameter);
+  ReadTrafficStream(start.core, start.generation);
+}
+
 }  // namespace
 
 void StartTrafficReader() {
@@ -58,7 +70,11 @@ void StartTrafficReader() {
   const ChildHandle core = DuplicateCoreHandle();
   if (core == kNoChildHandle) return;
   // Nothing joins it; it ends with its core.
-  if (!StartTrafficReaderThread(ReadTrafficStream, core, generation)) CloseChildHandle(core);
+  auto* reader = new ReaderStart{core, generation};
+  if (!StartDetachedThread(RunTrafficReader, reader)) {
+    delete reader;
+    CloseChildHandle(core);
+  }
 }
 
 }  // namespace orvel

@@ -37,9 +37,4 @@ bool WaitForTrafficData(const TrafficConnection& connection, ChildHandle core);
 bool ReceiveTrafficBytes(const TrafficConnection& connection, std::string& pending);
 void CloseTrafficConnection(const TrafficConnection& connection);
 
-// Runs `read(core, generation)` on a detached thread with a small stack;
-// false when no thread could be made (the caller still owns `core`).
-bool StartTrafficReaderThread(void (*read)(ChildHandle, std::uint64_t), ChildHandle core,
-                              std::uint64_t generation);
-
 }  // namespace orvel

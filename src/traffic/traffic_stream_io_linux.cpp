@@ -3,9 +3,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <system_error>
-#include <thread>
-
 #include "traffic/controller_socket_posix.h"
 #include "traffic/core_stats_client.h"
 #include "traffic/traffic_stream_io.h"
@@ -57,16 +54,6 @@ bool ReceiveTrafficBytes(const TrafficConnection& connection, std::string& pendi
 
 void CloseTrafficConnection(const TrafficConnection& connection) {
   close(Descriptor(connection.socket));
-}
-
-bool StartTrafficReaderThread(void (*read)(ChildHandle, std::uint64_t), ChildHandle core,
-                              std::uint64_t generation) {
-  try {
-    std::thread(read, core, generation).detach();
-  } catch (const std::system_error&) {
-    return false;
-  }
-  return true;
 }
 
 }  // namespace orvel

@@ -16,19 +16,6 @@ WSAEVENT Ready(const TrafficConnection& connection) {
   return reinterpret_cast<WSAEVENT>(connection.ready);
 }
 
-struct ReaderStart {
-  void (*read)(ChildHandle, std::uint64_t);
-  ChildHandle core;
-  std::uint64_t generation;
-};
-
-DWORD WINAPI ReaderThread(LPVOID parameter) {
-  const ReaderStart start = *static_cast<ReaderStart*>(parameter);
-  delete static_cast<ReaderStart*>(parameter);
-  start.read(start.core, start.generation);
-  return 0;
-}
-
 }  // namespace
 
 // The core's process handle is signalled once it has ended.
@@ -77,24 +64,6 @@ bool ReceiveTrafficBytes(const TrafficConnection& connection, std::string& pendi
 void CloseTrafficConnection(const TrafficConnection& connection) {
   closesocket(Socket(connection));
   WSACloseEvent(Ready(connection));
-}
-
-// A plain Windows thread, not a detached std::thread: the MinGW threads
-// library races when it recycles a detached thread's record (see the
-// connection threads of the control server). The stack is reserved small:
-// the reader needs a few KiB.
-bool StartTrafficReaderThread(void (*read)(ChildHandle, std::uint64_t), ChildHandle core,
-                              std::uint64_t generation) {
-  constexpr SIZE_T kReaderStackBytes = 64 * 1024;
-  auto* start = new ReaderStart{read, core, generation};
-  HANDLE thread = CreateThread(nullptr, kReaderStackBytes, ReaderThread, start,
-                               STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
-  if (thread == nullptr) {
-    delete start;
-    return false;
-  }
-  CloseHandle(thread);
-  return true;
 }
 
 }  // namespace orvel
