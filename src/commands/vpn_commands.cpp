@@ -150,17 +150,20 @@ bool ReplaceCore(const std::string& body, const std::string& plainConfig, std::s
   return true;
 }
 
-}  // namespace
-
-// Puts the user's proxy back and stops any core (every start begins clean,
-// also in the same mode), writes the configuration and starts the core; in
-// proxy mode then points the system proxy at it. One turn from first to last.
-std::string HandleStart(const std::string& body) {
+// Judges the body, then in one turn from first to last puts the user's proxy
+// back and stops any core (every start begins clean, also in the same mode),
+// writes the configuration, starts the core and lets `finish` answer.
+std::string StartInOneTurn(const std::string& body, std::string (*finish)(const std::string&)) {
   std::string answer;
   std::string plainConfig;
   if (!JudgeStartBody(body, plainConfig, answer)) return answer;
   CommandTurn turn;
   if (!ReplaceCore(body, plainConfig, answer)) return answer;
+  return finish(body);
+}
+
+// Proxy mode: points the system proxy at the core just started.
+std::string PointSystemProxyAtCore(const std::string& body) {
   std::string errorMessage;
   if (!EnableSystemProxy(FindMixedInboundPort(body), errorMessage)) {
     RetireTrafficReader();
@@ -174,14 +177,19 @@ std::string HandleStart(const std::string& body) {
   return BuildStatusBody("connected", ThisPlatform().connected);
 }
 
-std::string HandleStartTun(const std::string& body) {
-  std::string answer;
-  std::string plainConfig;
-  if (!JudgeStartBody(body, plainConfig, answer)) return answer;
-  CommandTurn turn;
-  if (!ReplaceCore(body, plainConfig, answer)) return answer;
+std::string AnnounceTunCore(const std::string&) {
   HelperLog().Append(ThisPlatform().tunStartedLog);
   return BuildStatusBody("connected", ThisPlatform().tunConnected);
+}
+
+}  // namespace
+
+std::string HandleStart(const std::string& body) {
+  return StartInOneTurn(body, PointSystemProxyAtCore);
+}
+
+std::string HandleStartTun(const std::string& body) {
+  return StartInOneTurn(body, AnnounceTunCore);
 }
 
 std::string HandleStop() {
