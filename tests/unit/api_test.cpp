@@ -10,6 +10,7 @@
 #include "text/number_text.h"
 
 using namespace orvel;
+using namespace std::string_literals;
 
 TEST(ParseUnsignedLong32, FollowsTheWindowsStrtoulRules) {
   std::string read;
@@ -58,11 +59,6 @@ TEST(FeedRequestBytes, FramesHeadAndDeclaredBodyInAnySplit) {
   }
 }
 
-// The answer layout itself is checked byte for byte end to end.
-TEST(JsonEscape, EscapesQuotesBackslashesAndLineBreaksOnly) {
-  EXPECT_EQ(JsonEscape("a\"b\\c\r\n\t\x01\xE6\x97\xA5"), "a\\\"b\\\\c\\r\\n\t\x01\xE6\x97\xA5");
-}
-
 TEST(FindHeadRefusal, RefusesWhatOnlyBrowsersAndForeignHostsSend) {
   // What real clients send, and names that only contain a guarded one.
   for (std::string_view lines :
@@ -90,6 +86,7 @@ TEST(FindHeadRefusal, RefusesWhatOnlyBrowsersAndForeignHostsSend) {
             "Origin http://tauri.localhost.evil.example|Origin |Host 127.0.0.1.nip.io:17891|"
             "Host 127.0.0.1:8080|Host localhost:|Host [::1]:80|Host 127.0.0.2|Host |"
             "Host evil.example|");
+  EXPECT_EQ(JsonEscape("a\"b\\c\r\n\t\x01\xE6\x97\xA5"), "a\\\"b\\\\c\\r\\n\t\x01\xE6\x97\xA5");
   EXPECT_EQ(DescribeRefusal("GET", "/a\"b", {"Origin", "x\ny\\"}),
             "Refused GET /a\\\"b: Origin \"x\\ny\\\\\"");
 }
@@ -97,12 +94,14 @@ TEST(FindHeadRefusal, RefusesWhatOnlyBrowsersAndForeignHostsSend) {
 TEST(LogBuffer, PadsTheTimeCutsLongMessagesAndKeepsTheNewestBytes) {
   const LocalTime time{2025, 3, 7, 9, 5, 1};
   const std::string exact(kMaxLogMessageBytes, 'x');
-  EXPECT_EQ(FormatLogLine(time, "two\nlines\r\x1b]0;\x7f"),
-            "[2025-03-07 09:05:01] two\\x0Alines\\x0D\\x1B]0;\\x7F\r\n");
-  EXPECT_EQ(FormatLogLine(time, std::string(1199, 'e') + "\n"),
-            "[2025-03-07 09:05:01] " + std::string(1199, 'e') + "\\...\r\n");
-  EXPECT_EQ(FormatLogLine(time, exact), "[2025-03-07 09:05:01] " + exact + "\r\n");
-  EXPECT_EQ(FormatLogLine(time, exact + "y"), "[2025-03-07 09:05:01] " + exact + "...\r\n");
+  std::string read;
+  for (const std::string& message :
+       {"two\nlines\r\x1b]0;\x7f"s, std::string(1199, 'e') + "\n", exact, exact + "y"})
+    read += FormatLogLine(time, message);
+  EXPECT_EQ(read,
+            "[2025-03-07 09:05:01] two\\x0Alines\\x0D\\x1B]0;\\x7F\r\n[2025-03-07 09:05:01] " +
+                std::string(1199, 'e') + "\\...\r\n[2025-03-07 09:05:01] " + exact +
+                "\r\n[2025-03-07 09:05:01] " + exact + "...\r\n");
   LogBuffer log;
   for (int i = 0; i < 70; ++i) log.AppendAt(time, std::string(1000, 'm') + std::to_string(i));
   const std::string text = log.Snapshot();
@@ -113,41 +112,27 @@ TEST(LogBuffer, PadsTheTimeCutsLongMessagesAndKeepsTheNewestBytes) {
 
 TEST(MayUseHelper, RootTheOwnUserOrTheServiceGroupThroughALiveSocketOnly) {
   // mode (service?), the client end's row (state, inode, uid; none: no row),
-  // held by the helper's child, caller's groups, the service group -> allowed
+  // held by the helper's child, caller's groups, the service group. A closing client's row names
+  // uid 0 for anyone: orphaned (inode 0) or TIME_WAIT. The core relays for anyone, whatever account
+  // it runs as.
   constexpr std::uint8_t kEstablished = 1, kFinWait2 = 5;
-  const struct {
-    bool service;
-    std::optional<ClientSocketRow> row;
-    bool child;
-    std::vector<std::uint32_t> groups;
-    std::optional<std::uint32_t> serviceGroup;
-    bool allowed;
-  } cases[] = {
-      {false, ClientSocketRow{kEstablished, 7, 1000}, false, {1000}, 990, true},    // its own user
-      {false, ClientSocketRow{kEstablished, 7, 0}, false, {}, std::nullopt, true},  // root
-      {false, ClientSocketRow{kFinWait2, 7, 1000}, false, {}, 990, true},  // half closed, still
-                                                                           // held
-      {false, ClientSocketRow{kEstablished, 7, 1001}, false, {990}, 990, false},  // group: service
-                                                                                  // only
-      {false, std::nullopt, false, {}, 990, false},
-      // A closing client's row names uid 0 for anyone: orphaned or TIME_WAIT.
-      {false, ClientSocketRow{kFinWait2, 0, 0}, false, {}, 990, false},
-      {true, ClientSocketRow{kTcpTimeWait, 7, 0}, false, {}, 990, false},
-      {true, ClientSocketRow{kEstablished, 0, 0}, false, {}, 990, false},
-      // The core relaying for anyone, whatever account it runs as.
-      {true, ClientSocketRow{kEstablished, 7, 0}, true, {}, 990, false},
-      {false, ClientSocketRow{kEstablished, 7, 1000}, true, {1000}, 990, false},
-      {true, ClientSocketRow{kEstablished, 7, 1001}, false, {1001, 990}, 990, true},
-      {true, ClientSocketRow{kEstablished, 7, 1000}, false, {1000}, 990, false},  // not the user's
-      {true, ClientSocketRow{kEstablished, 7, 0}, false, {}, std::nullopt, true},
-      {true, ClientSocketRow{kEstablished, 7, 1001}, false, {990}, std::nullopt, false},
-  };
-  for (const auto& c : cases) {
-    CallerFacts facts{c.service, LiveSocketOwner(c.row), c.service ? 0u : 1000u,
-                      c.groups,  c.serviceGroup,         c.child};
-    EXPECT_EQ(MayUseHelper(facts), c.allowed)
-        << c.service << " " << (c.row ? c.row->uid : -1) << " " << c.child;
-  }
+  const std::tuple<bool, std::optional<ClientSocketRow>, bool, std::vector<std::uint32_t>,
+                   std::optional<std::uint32_t>>
+      cases[] = {{false, ClientSocketRow{kEstablished, 7, 1000}, false, {1000}, 990},  // own user
+                 {false, ClientSocketRow{kFinWait2, 7, 0}, false, {}, std::nullopt},   // root
+                 {true, ClientSocketRow{kEstablished, 7, 1001}, false, {1001, 990}, 990},
+                 {false, ClientSocketRow{kEstablished, 7, 1001}, false, {990}, 990},
+                 {false, std::nullopt, false, {}, 990},
+                 {false, ClientSocketRow{kFinWait2, 0, 0}, false, {}, 990},
+                 {true, ClientSocketRow{kTcpTimeWait, 7, 0}, false, {}, 990},
+                 {true, ClientSocketRow{kEstablished, 7, 0}, true, {}, 990},
+                 {true, ClientSocketRow{kEstablished, 7, 1000}, false, {1000}, 990},
+                 {true, ClientSocketRow{kEstablished, 7, 1001}, false, {990}, std::nullopt}};
+  std::string read;
+  for (const auto& [service, row, child, groups, serviceGroup] : cases)
+    read += std::to_string(MayUseHelper(
+        {service, LiveSocketOwner(row), service ? 0u : 1000u, groups, serviceGroup, child}));
+  EXPECT_EQ(read, "1110000000");
   EXPECT_EQ(DescribeRefusedCaller({1001, std::nullopt, "", ""}),
             "Refused a connection from uid 1001: not allowed to use this helper");
   EXPECT_EQ(DescribeRefusedCaller({0, 4242, "sing-box\x1b]0", ""}),

@@ -138,8 +138,7 @@ TEST(ConsoleText, FormatsBytesNodesAndNewLogLinesAndNeedsTheProcessesArray) {
       {"A\r\nB\r\n", "\r\nB\r\nC\r\n", "C\r\n"},
       {"A\r\nA\r\n", "A\r\nA\r\nA\r\n", "A\r\n"},
       {"old\r\n", full, "L1\r\n"},
-      {"A\r\n", "A\r\n\x1b]0;x\x07\r\n\0\r\x7f\n\r"s, "\\x1B]0;x\\x07\r\n\\x00\\x0D\\x7F\n\\x0D"},
-  };
+      {"A\r\n", "A\r\n\x1b]0;x\x07\r\n\0\r\x7f\n\r"s, "\\x1B]0;x\\x07\r\n\\x00\\x0D\\x7F\n\\x0D"}};
   for (const auto& [previous, current, added] : cases)
     EXPECT_EQ(EscapeForTerminal(NewLogText(previous, current), true), added) << current;
 }

@@ -2,8 +2,6 @@
 // how it reports a core that died.
 #include <gtest/gtest.h>
 
-#include <sstream>
-
 #include "core/command_line.h"
 #include "core/config_guard.h"
 #include "core/core_output.h"
@@ -13,6 +11,7 @@
 #include "entry/service_unit.h"
 
 using namespace orvel;
+using namespace std::literals;
 
 static std::string Nested(std::size_t n) { return std::string(n, '[') + std::string(n, ']'); }
 // {"log":{"output":<path>}} with `path` given as JSON string content.
@@ -125,7 +124,6 @@ TEST(JudgeServiceConfig, RefusesProgramsPathsOutsideTheDataDirectoryAndMachineCh
 TEST(JudgeServiceConfig, HandsTheCoreExactlyWhatItJudged) {
   // The core ends a line comment only at LF and reads past a NUL; what it is
   // handed has neither comments nor bytes after the guard's end of input.
-  using namespace std::string_literals;
   const std::pair<std::string, std::string> cases[] = {
       {"{ //\r/*\n\"outbounds\":[{\"type\":\"tor\",\"executable_path\":\"/tmp/x.sh\"}] //*/\n}",
        "{}"},
@@ -148,7 +146,7 @@ TEST(JudgeServiceConfig, HandsTheCoreExactlyWhatItJudged) {
       {"[1.50,-0,1E300,18446744073709551616,-9223372036854775808,true,false,null]",
        "[1.50,0,1E300,18446744073709551616,-9223372036854775808,true,false,null]"},
       {"\xEF\xBB\xBF \"top\" ", R"("top")"},
-  };
+      {R"({"log":{"output":"/tmp/x"}})", "log.output starts at the root of the file system"}};
   for (const auto& [config, expected] : cases) {
     std::string plain, refusal;
     JudgeServiceConfig(config, PathRules::kLinux, plain, refusal);
@@ -157,48 +155,36 @@ TEST(JudgeServiceConfig, HandsTheCoreExactlyWhatItJudged) {
 }
 
 TEST(CheckDataRelativePath, LinuxKnowsOnlySlashesHomesAndNul) {
-  // Bytes that Windows refuses are plain on Linux; the reason, or "" for a path inside.
-  const std::pair<std::string_view, std::string_view> cases[] = {
-      {"", ""},
-      {"logs/box.log", ""},
-      {R"(a\..\b:c nul. )", ""},
-      {"/etc/passwd", "starts at the root of the file system"},
-      {"~/x", "starts at a home directory ('~')"},
-      {std::string_view("a\0b", 3), "contains a NUL byte"},
-      {"$HOME", "contains '$' (the core expands environment variables)"},
-      {"a//b", "has an empty segment"},
-      {"logs/", "has an empty segment"},
-      {"./x", "has a '.' segment"},
-      {"a/../../x", "climbs out of the data directory with '..'"},
-  };
-  for (const auto& [path, expected] : cases) {
+  // Bytes that Windows refuses are plain on Linux.
+  std::string read;
+  const std::string_view paths[] = {
+      "",      "logs/box.log", R"(a\..\b:c nul. )", "/etc/passwd", "~/x", "a\0b"sv, "$HOME",
+      "logs/", "./x",          "a/../../x"};
+  for (std::string_view path : paths) {
     std::string reason;
-    EXPECT_EQ(CheckDataRelativePath(path, PathRules::kLinux, reason), expected.empty()) << path;
-    EXPECT_EQ(reason, expected) << path;
+    read += (CheckDataRelativePath(path, PathRules::kLinux, reason) ? "ok" : reason) + "|";
   }
-  std::string plain, refusal;
-  EXPECT_FALSE(
-      JudgeServiceConfig(R"({"log":{"output":"/tmp/x"}})", PathRules::kLinux, plain, refusal));
-  EXPECT_EQ(refusal, "log.output starts at the root of the file system");
+  EXPECT_EQ(read,
+            "ok|ok|ok|starts at the root of the file system|starts at a home directory ('~')|"
+            "contains a NUL byte|contains '$' (the core expands environment variables)|"
+            "has an empty segment|has a '.' segment|climbs out of the data directory with '..'|");
 }
 
 TEST(SummarizeCoreOutput, FlattensBreaksAndTabsAndCutsAtTheLimit) {
   // Leading breaks are dropped, a trailing one stays as a space; spaces are
   // kept and a tab after a space adds none; other bytes pass as they are.
-  std::string read;
-  for (std::string_view text :
-       {"", "\r\n\t\n", "one\ntwo\nthree\n", "a\r\n\r\n\tb", "  a  \t  b\t"})
-    read += SummarizeCoreOutput(text, 900) + "|";
-  EXPECT_EQ(read, "<empty>|<empty>|one two three |a b|  a    b |");
-  const std::string raw("\x1b[31mnul\0b", 10);
-  EXPECT_EQ(SummarizeCoreOutput(raw, 900), raw);
   // Reaching the limit exactly already counts as cut, and the limit counts
   // output bytes: collapsed breaks do not use it up.
-  const std::string x899(899, 'x');
-  EXPECT_EQ(SummarizeCoreOutput(x899, 900), x899);
-  EXPECT_EQ(SummarizeCoreOutput(x899 + "x", 900), x899 + "x...");
-  EXPECT_EQ(SummarizeCoreOutput("ab\n\n", 3), "ab ...");
-  EXPECT_EQ(SummarizeCoreOutput("anything", 0), "a...");
+  const std::string x899(899, 'x'), raw("\x1b[31mnul\0b", 10);
+  std::string read;
+  for (std::string_view text : {"", "\r\n\t\n", "one\ntwo\nthree\n", "a\r\n\r\n\tb", "  a  \t  b\t",
+                                raw.c_str(), x899.c_str()})
+    read += SummarizeCoreOutput(text, 900) + "|";
+  EXPECT_EQ(read, "<empty>|<empty>|one two three |a b|  a    b |\x1b[31mnul|" + x899 + "|");
+  EXPECT_EQ(SummarizeCoreOutput(raw, 900), raw);
+  EXPECT_EQ(SummarizeCoreOutput(x899 + "x", 900) + SummarizeCoreOutput("ab\n\n", 3) +
+                SummarizeCoreOutput("anything", 0),
+            x899 + "x...ab ...a...");
   // What a running core wrote is kept from its end backwards.
   std::string tail(4000, 'a');
   KeepCoreOutputTail(tail, std::string(200, 'b'));
@@ -224,14 +210,11 @@ TEST(FindMixedInboundPort, ReadsTheTaggedInboundPort) {
 }
 
 TEST(QuoteForSystemd, QuotesEscapesAndDoublesWhatSystemdExpands) {
-  const std::pair<std::string_view, std::string_view> cases[] = {
-      {"/usr/bin/orvel-vpn-helper", R"("/usr/bin/orvel-vpn-helper")"},
-      {"/opt/Orvel VPN/helper", R"("/opt/Orvel VPN/helper")"},
-      {R"(/a"b\c)", R"("/a\"b\\c")"},
-      {"/100%/$HOME", R"("/100%%/$$HOME")"},
-      {"/x\ny\tz\x01", R"("/x\ny\tz\x01")"},
-  };
-  for (const auto& [path, quoted] : cases) EXPECT_EQ(QuoteForSystemd(path), quoted) << path;
+  std::string read;
+  for (std::string_view path :
+       {"/opt/Orvel VPN/helper", R"(/a"b\c)", "/100%/$HOME", "/x\ny\tz\x01"})
+    read += QuoteForSystemd(path) + "|";
+  EXPECT_EQ(read, R"("/opt/Orvel VPN/helper"|"/a\"b\\c"|"/100%%/$$HOME"|"/x\ny\tz\x01"|)");
   const std::string unit = BuildServiceUnit("/opt/Orvel VPN/helper");
   EXPECT_NE(
       unit.find("\n[Service]\nType=notify\nExecStart=\"/opt/Orvel VPN/helper\" --service\n"
@@ -240,54 +223,41 @@ TEST(QuoteForSystemd, QuotesEscapesAndDoublesWhatSystemdExpands) {
                 "\n[Install]\nWantedBy=multi-user.target\n"),
       std::string::npos)
       << unit;
-}
-
-TEST(BuildServiceFailureActions, RestartsAfter5Then10Then30SecondsCountedOverADay) {
+  // Restarts after 5, then 10, then 30 seconds, counted over a day.
   const ServiceFailureActions plan = BuildServiceFailureActions();
-  std::ostringstream text;
-  text << plan.resetPeriodSeconds;
-  for (const ServiceFailureAction& a : plan.actions) text << ' ' << a.type << ':' << a.delayMs;
-  EXPECT_EQ(text.str(), "86400 1:5000 1:10000 1:30000");
+  std::string text = std::to_string(plan.resetPeriodSeconds);
+  for (const ServiceFailureAction& a : plan.actions)
+    text += " " + std::to_string(a.type) + ":" + std::to_string(a.delayMs);
+  EXPECT_EQ(text, "86400 1:5000 1:10000 1:30000");
 }
 
 TEST(JudgeRootOnlyEntry, RootsAloneUnlessAnotherOwnsOrMayWriteOutsideAStickyFolder) {
-  struct Case {
-    std::uint32_t uid, mode;  // as stat reports them, file type bits included
-    bool directory;
-    std::string_view verdict;
-  };
-  const Case cases[] = {
-      {0, 0100755, false, "ok"},
-      {0, 040700, true, "ok"},
-      {0, 041777, true, "ok"},  // /tmp
-      {1000, 0100755, false, "is owned by uid 1000"},
-      {1000, 041777, true, "is owned by uid 1000"},
-      {0, 040775, true, "is writable by its group (mode 0775)"},
-      {0, 0100757, false, "is writable by others (mode 0757)"},
-      {0, 0101777, false, "is writable by others (mode 1777)"},  // sticky means nothing on a file
-  };
-  for (const Case& c : cases) {
+  // uid and mode as stat reports them (file type bits included), directory?
+  // 041777 is /tmp; the sticky bit means nothing on a file.
+  const std::tuple<std::uint32_t, std::uint32_t, bool> cases[] = {
+      {0, 0100755, false}, {0, 041777, true},   {1000, 041777, true},
+      {0, 040775, true},   {0, 0100757, false}, {0, 0101777, false}};
+  std::string read;
+  for (const auto& [uid, mode, directory] : cases) {
     std::string reason;
-    EXPECT_EQ(JudgeRootOnlyEntry(c.uid, c.mode, c.directory, reason) ? "ok" : reason, c.verdict)
-        << std::oct << c.mode;
+    read += (JudgeRootOnlyEntry(uid, mode, directory, reason) ? "ok" : reason) + "|";
   }
+  EXPECT_EQ(read,
+            "ok|ok|is owned by uid 1000|is writable by its group (mode 0775)|"
+            "is writable by others (mode 0757)|is writable by others (mode 1777)|");
   EXPECT_EQ(DescribeOwnerAndMode(1000, 0100755), "uid 1000, mode 0755");
 }
 
 TEST(QuoteCommandLineArgument, BackslashesDoubleOnlyBeforeAQuoteOrTheEnd) {
-  const std::pair<std::wstring_view, std::wstring_view> cases[] = {
-      {L"", LR"("")"},
-      {L"a b\tc", L"\"a b\tc\""},
-      {LR"(\\server\share\x.json)", LR"("\\server\share\x.json")"},
-      {LR"(a"b)", LR"("a\"b")"},
-      {LR"(a\"b)", LR"("a\\\"b")"},
-      {LR"(tag\)", LR"("tag\\")"},
-      {LR"(tag\\)", LR"("tag\\\\")"},
-      {LR"(proxy" -c "C:\users\Public\evil.json" -D "C:\windows\system32)",
-       LR"("proxy\" -c \"C:\users\Public\evil.json\" -D \"C:\windows\system32")"},
-  };
-  for (const auto& [argument, quoted] : cases)
-    EXPECT_EQ(QuoteCommandLineArgument(argument), quoted);
+  std::wstring read;
+  for (std::wstring_view argument :
+       {L"", L"a b\tc", LR"(\\server\share\x.json)", LR"(a\"b)", LR"(tag\\)",
+        LR"(proxy" -c "C:\users\Public\evil.json" -D "C:\windows\system32)"})
+    read += QuoteCommandLineArgument(argument) + L"|";
+  EXPECT_EQ(read,
+            L"\"\"|\"a b\tc\"|"
+            LR"("\\server\share\x.json"|"a\\\"b"|"tag\\\\"|)"
+            LR"("proxy\" -c \"C:\users\Public\evil.json\" -D \"C:\windows\system32"|)");
   EXPECT_EQ(BuildCommandLine(LR"(C:\Program Files\sing-box.exe)", {L"run", L"-c", LR"(C:\a b\)"}),
             LR"("C:\Program Files\sing-box.exe" "run" "-c" "C:\a b\\")");
 }

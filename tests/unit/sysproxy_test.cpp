@@ -69,9 +69,8 @@ TEST(DesktopProxyState, KeysValuesAndDefaultsReadBackAndNothingElse) {
        {std::string(), text.substr(0, text.size() - 1), "x" + text,
         std::string("orvel-desktop-proxy-state 1\nhelper=\nend\n"),  // never an empty helper
         text.substr(0, 57) + "other:key=1\n" + text.substr(57),
-        text.substr(0, 57) + "gsettings:org.gnome.system.proxy:mode=%2\n" + text.substr(57)}) {
+        text.substr(0, 57) + "gsettings:org.gnome.system.proxy:mode=%2\n" + text.substr(57)})
     EXPECT_FALSE(ParseDesktopProxyState(bytes, parsed)) << bytes;
-  }
   EXPECT_EQ(parsed, untouched);
 }
 

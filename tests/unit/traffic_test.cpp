@@ -66,17 +66,17 @@ TEST(IsCoreResponseComplete, EndsByDeclaredLengthOrFirstSample) {
 }
 
 TEST(BuildControllerRequest, CarriesTheConfigurationsSecretAsABearer) {
-  // configuration -> the secret taken from it
-  const std::pair<std::string_view, std::string_view> cases[] = {
-      {R"({"experimental":{"clash_api":{"secret":"s3 cr3t"}}})", "s3 cr3t"},
-      {"{\"experimental\": // comment\n{\"clash_api\":{\"secret\":\"\\u00e9\"}}}", "\xC3\xA9"},
-      {R"({"clash_api":{"secret":"top-level is not it"}})", ""},
-      {R"({"experimental":{"clash_api":{"secret":7}}})", ""},
-      {R"({"experimental":{"clash_api":{"secret":"a\r\nX-Injected: 1"}}})", ""},
-      {R"({"experimental":{"clash_api":{"secret":"unterminated)", ""},
-  };
-  for (const auto& [config, secret] : cases)
-    EXPECT_EQ(FindControllerSecret(config), secret) << config;
+  // The secret taken from each configuration: only a string where the core reads it.
+  std::string read;
+  for (std::string_view config :
+       {R"({"experimental":{"clash_api":{"secret":"s3 cr3t"}}})",
+        "{\"experimental\": // comment\n{\"clash_api\":{\"secret\":\"\\u00e9\"}}}",
+        R"({"clash_api":{"secret":"top-level is not it"}})",
+        R"({"experimental":{"clash_api":{"secret":7}}})",
+        R"({"experimental":{"clash_api":{"secret":"a\r\nX-Injected: 1"}}})",
+        R"({"experimental":{"clash_api":{"secret":"unterminated)"})
+    read += FindControllerSecret(config) + "|";
+  EXPECT_EQ(read, "s3 cr3t|\xC3\xA9|||||");
   SetControllerSecret("s3 cr3t");
   EXPECT_EQ(BuildControllerRequest("/traffic"),
             "GET /traffic HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: Bearer s3 cr3t\r\n"
@@ -125,37 +125,31 @@ TEST(AppendProcessEntry, WritesEachEndpointOnceWithItsMethodUpToEightyEntries) {
       {7, "UDP", "127.0.0.2", 53},  {7, "TCP", "0:0:0:0:0:0:0:1", 8443},
       {10, "TCP", "10.0.0.1", 443}, {11, "TCP", "10.0.0.1", 443},
       {10, "UDP", "10.0.0.1", 443}, {10, "TCP", "10.0.0.1", 444},
-      {10, "TCP", "1::2", 3},       {10, "TCP", "1::", 23},
-  };
+      {10, "TCP", "1::2", 3},       {10, "TCP", "1::", 23}};
   for (const SocketObservation& observation : observations) AppendProcessEntry(list, observation);
-  // Every entry shown as "name method host", the fixed fields checked on the
-  // way (a wrong one is left in the text). No <regex>: GCC's sanitizer builds
-  // warn inside it.
-  const auto entries = [](std::string text) {
-    for (const auto& [from, to] :
-         {std::pair<std::string, std::string>{"{\"processName\":\"", ""},
-          {"\",\"policy\":\"Proxy\",\"totalBytes\":0,\"uploadBytesPerSecond\":"
-           "0,\"downloadBytesPerSecond\":0,\"durationSeconds\":0,\"status\":"
-           "\"Active\",\"method\":\"",
-           " "},
-          {"\",\"host\":\"", " "},
-          {"\"}", ""}}) {
-      for (std::size_t at; (at = text.find(from)) != std::string::npos;)
-        text.replace(at, from.size(), to);
-    }
-    return text;
+  // An entry's fixed fields around its name, method and host.
+  const auto entry = [](std::string name, std::string method, std::string host) {
+    return "{\"processName\":\"" + name +
+           "\",\"policy\":\"Proxy\",\"totalBytes\":0,\"uploadBytesPerSecond\":0,"
+           "\"downloadBytesPerSecond\":0,\"durationSeconds\":0,\"status\":\"Active\",\"method\":"
+           "\"" +
+           method + "\",\"host\":\"" + host + "\"}";
   };
-  EXPECT_EQ(entries(list.text),
-            "[app10.exe HTTPS 10.0.0.1:443,we\\\"ird\\\\name.exe HTTP 10.0.0.1:80,"
-            "app7.exe UDP 127.0.0.2:53,app7.exe TCP 0:0:0:0:0:0:0:1:8443,"
-            "app11.exe HTTPS 10.0.0.1:443,app10.exe HTTPS 10.0.0.1:443,app10.exe TCP 10.0.0.1:444,"
-            "app10.exe TCP 1::2:3,app10.exe TCP 1:::23");
+  EXPECT_EQ(list.text, "[" + entry("app10.exe", "HTTPS", "10.0.0.1:443") + "," +
+                           entry("we\\\"ird\\\\name.exe", "HTTP", "10.0.0.1:80") + "," +
+                           entry("app7.exe", "UDP", "127.0.0.2:53") + "," +
+                           entry("app7.exe", "TCP", "0:0:0:0:0:0:0:1:8443") + "," +
+                           entry("app11.exe", "HTTPS", "10.0.0.1:443") + "," +
+                           entry("app10.exe", "HTTPS", "10.0.0.1:443") + "," +
+                           entry("app10.exe", "TCP", "10.0.0.1:444") + "," +
+                           entry("app10.exe", "TCP", "1::2:3") + "," +
+                           entry("app10.exe", "TCP", "1:::23"));
   EXPECT_EQ(gLookups, 9);
   for (std::uint32_t pid = 1000; pid < 1200; ++pid)
     AppendProcessEntry(list, {pid, "TCP", "10.1.0.1", 8000});
   EXPECT_EQ(list.count, kMaxProcessEntries);
   EXPECT_EQ(gLookups, 80);
-  EXPECT_TRUE(entries(list.text).ends_with(",app1070.exe TCP 10.1.0.1:8000"));
+  EXPECT_TRUE(list.text.ends_with("," + entry("app1070.exe", "TCP", "10.1.0.1:8000")));
 }
 
 // "addr:port" of an endpoint, the address as dotted or hex bytes, for the tables below.
@@ -250,13 +244,11 @@ TEST(ReadDiagAnswer, RowsUntilDoneAndRefusesWhatDoesNotFit) {
 }
 
 TEST(ProcessNameFrom, ExecutableNameThenCommThenThePid) {
-  const std::tuple<std::optional<std::string_view>, std::optional<std::string_view>, std::string>
-      cases[] = {
-          {"/usr/bin/python3.11", "python3", "python3.11"},
-          {"/opt/app/chrome (deleted)", "chrome", "chrome"},
-          {"/tmp/ (deleted)", "x", " (deleted)"},
-          {std::nullopt, "kworker/0:1", "kworker/0:1"},  // the link cannot be read
-          {std::nullopt, std::nullopt, "pid-4321"},      // the process has ended
-      };
-  for (const auto& [exe, comm, name] : cases) EXPECT_EQ(ProcessNameFrom(exe, comm, 4321), name);
+  // The link cannot be read, then the process has ended too.
+  EXPECT_EQ(ProcessNameFrom("/usr/bin/python3.11", "python3", 4321) + "|" +
+                ProcessNameFrom("/opt/app/chrome (deleted)", "chrome", 4321) + "|" +
+                ProcessNameFrom("/tmp/ (deleted)", "x", 4321) + "|" +
+                ProcessNameFrom(std::nullopt, "kworker/0:1", 4321) + "|" +
+                ProcessNameFrom(std::nullopt, std::nullopt, 4321),
+            "python3.11|chrome| (deleted)|kworker/0:1|pid-4321");
 }

@@ -141,9 +141,8 @@ TEST(UrlTestRegistry, CancelsOfIdsWithoutARunningTestAreBounded) {
   MarkUrlTestCanceled(std::string(kMaxWaitingCancelIdBytes, 'y'), Same, 1000);
   EXPECT_TRUE(IsUrlTestCanceled(std::string(kMaxWaitingCancelIdBytes, 'y'), 60999));
   EXPECT_FALSE(IsUrlTestCanceled(std::string(kMaxWaitingCancelIdBytes, 'y'), 61000));
-  for (std::uint64_t i = 0; i <= kMaxWaitingCancels; ++i) {
+  for (std::uint64_t i = 0; i <= kMaxWaitingCancels; ++i)
     MarkUrlTestCanceled("wait-" + std::to_string(i), Same, 2000 + i);
-  }
   EXPECT_FALSE(IsUrlTestCanceled("wait-0", 3000));
   EXPECT_TRUE(IsUrlTestCanceled("wait-1", 3000) && IsUrlTestCanceled("wait-64", 3000));
   for (std::uint64_t i = 0; i <= kMaxWaitingCancels; ++i) EndUrlTest("wait-" + std::to_string(i));
