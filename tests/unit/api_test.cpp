@@ -20,7 +20,7 @@ TEST(ParseUnsignedLong32, FollowsTheWindowsStrtoulRules) {
   EXPECT_EQ(read, "42,7,4294967294,12,0,0,7,4294967295,4294967295,4294967295,");
 }
 
-TEST(GetHeaderValue, MatchesNameInAnyCaseAndKeepsValueCase) {
+TEST(HttpRequest, HeadersMatchInAnyCaseAndFramingHoldsInAnySplit) {
   // Trailing spaces are kept, the last line needs no terminator, only spaces
   // are skipped, and a plain substring search lets a longer name ending in the
   // wanted one match. The path must be on the request line.
@@ -31,9 +31,6 @@ TEST(GetHeaderValue, MatchesNameInAnyCaseAndKeepsValueCase) {
             "12 |Value||\tv|3");
   EXPECT_EQ(SplitRequestLine("  POST\t/start  ").path + "|" + SplitRequestLine("GET\r\n/ping").path,
             "/start|");
-}
-
-TEST(FeedRequestBytes, FramesHeadAndDeclaredBodyInAnySplit) {
   std::string atLimit = "GET / HTTP/1.1\r\nX: ";
   atLimit += std::string(kMaxRequestHeadBytes - atLimit.size() - 4, 'a') + "\r\n\r\n";
   const std::string big(2000000, 'b');
@@ -110,7 +107,7 @@ TEST(LogBuffer, PadsTheTimeCutsLongMessagesAndKeepsTheNewestBytes) {
   EXPECT_TRUE(text.ends_with(FormatLogLine(time, std::string(1000, 'm') + "69")) && text[0] != '[');
 }
 
-TEST(MayUseHelper, RootTheOwnUserOrTheServiceGroupThroughALiveSocketOnly) {
+TEST(CallerPolicy, RootTheOwnUserOrTheServiceGroupThroughALiveSocketSixteenConnectionsEach) {
   // mode (service?), the client end's row (state, inode, uid; none: no row),
   // held by the helper's child, caller's groups, the service group. A closing client's row names
   // uid 0 for anyone: orphaned (inode 0) or TIME_WAIT. The core relays for anyone, whatever account
@@ -141,9 +138,6 @@ TEST(MayUseHelper, RootTheOwnUserOrTheServiceGroupThroughALiveSocketOnly) {
   EXPECT_EQ(DescribeRefusedCaller({std::nullopt, std::nullopt, "", "recv failed: 11"}),
             "Refused a connection from an unknown uid: not allowed to use this helper (recv "
             "failed: 11)");
-}
-
-TEST(ConnectionCounts, SixtyFourInAllSixteenPerUserOneLogLineASecond) {
   ConnectionCounts counts;
   for (std::uint32_t i = 0; i < 16; ++i) EXPECT_TRUE(AdmitConnection(counts, 1000));
   EXPECT_FALSE(AdmitConnection(counts, 1000));

@@ -13,7 +13,7 @@ using namespace orvel::client;
 using namespace orvel::orvelctl;
 using namespace std::string_literals;
 
-TEST(ReadWholeAnswer, TakesTheHelpersAnswersAndRefusesOthers) {
+TEST(HttpExchange, TakesTheHelpersAnswersRefusesOthersAndSendsHostAndLength) {
   // Read as "status body|", or "refused|". The URL test stream has no length:
   // its body runs to the close. A length has at most 18 digits; a body cut
   // short, a head without its blank line, a signed length, a line without a
@@ -39,9 +39,6 @@ TEST(ReadWholeAnswer, TakesTheHelpersAnswersAndRefusesOthers) {
   std::size_t headBytes = 0;
   EXPECT_EQ(ReadAnswerHead(std::string(kMaxAnswerHeadBytes, 'x'), answer, headBytes),
             HeadState::kMalformed);
-}
-
-TEST(BuildHttpRequest, SendsHostAndLength) {
   ClientAddress address;
   std::string error;
   ASSERT_TRUE(ParseAddress("localhost:17891", address, error));

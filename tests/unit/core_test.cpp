@@ -121,7 +121,7 @@ TEST(JudgeServiceConfig, RefusesProgramsPathsOutsideTheDataDirectoryAndMachineCh
     }
 }
 
-TEST(JudgeServiceConfig, HandsTheCoreExactlyWhatItJudged) {
+TEST(JudgeServiceConfig, HandsTheCoreExactlyWhatItJudgedAndKnowsLinuxPaths) {
   // The core ends a line comment only at LF and reads past a NUL; what it is
   // handed has neither comments nor bytes after the guard's end of input.
   const std::pair<std::string, std::string> cases[] = {
@@ -152,9 +152,6 @@ TEST(JudgeServiceConfig, HandsTheCoreExactlyWhatItJudged) {
     JudgeServiceConfig(config, PathRules::kLinux, plain, refusal);
     EXPECT_EQ(refusal.empty() ? plain : refusal, expected) << config;
   }
-}
-
-TEST(CheckDataRelativePath, LinuxKnowsOnlySlashesHomesAndNul) {
   // Bytes that Windows refuses are plain on Linux.
   std::string read;
   const std::string_view paths[] = {
@@ -227,7 +224,7 @@ TEST(QuoteForSystemd, QuotesEscapesAndDoublesWhatSystemdExpands) {
   const ServiceFailureActions plan = BuildServiceFailureActions();
   std::string text = std::to_string(plan.resetPeriodSeconds);
   for (const ServiceFailureAction& a : plan.actions)
-    text += " " + std::to_string(a.type) + ":" + std::to_string(a.delayMs);
+    text.append(" ").append(std::to_string(a.type)).append(":").append(std::to_string(a.delayMs));
   EXPECT_EQ(text, "86400 1:5000 1:10000 1:30000");
 }
 

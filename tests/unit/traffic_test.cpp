@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <sstream>
 
 #include "traffic/core_stats_client.h"
 #include "traffic/kernel_socket_rows.h"
@@ -22,7 +23,7 @@ const std::string kConnections =
     "87\r\n\r\n{\"connections\":[],\"downloadTotal\":9007199254740993,\"memory\":8388608,"
     "\"uploadTotal\":123}\n";
 
-TEST(FindJsonNumber, ReadsTheRunAfterTheFirstQuotedKey) {
+TEST(CoreStatsClient, ReadsNumbersAfterTheFirstQuotedKeyAndAnswersEndByLengthOrFirstSample) {
   std::string read;
   for (std::string_view text :
        {R"({"up":-42,"down":7})", R"({"down":7})", R"({"up":12-3})", R"({"up":--5})", R"({"up":})",
@@ -40,9 +41,6 @@ TEST(FindJsonNumber, ReadsTheRunAfterTheFirstQuotedKey) {
   // Swapped answers: the totals are not looked for in the rate text.
   EXPECT_EQ(FormatTrafficSnapshot(ReadCoreFigures(kConnections, kTrafficFirstSample), "[]"),
             kEmptyTrafficSnapshot);
-}
-
-TEST(IsCoreResponseComplete, EndsByDeclaredLengthOrFirstSample) {
   // Read as 1 when complete. A length is found anywhere in the head in any
   // case and counted from the first blank line; the "/traffic" stream ends at
   // its first sample, keys in either order, headers searched too, even before
@@ -50,7 +48,7 @@ TEST(IsCoreResponseComplete, EndsByDeclaredLengthOrFirstSample) {
   // read, a length after the head is body, and a sample needs both keys in
   // their case.
   const std::string ok = "HTTP/1.1 200 OK\r\n";
-  std::string read;
+  read.clear();
   for (const std::string& response :
        {ok + "CONTENT-LENGTH:     3\r\n\r\nabc", ok + "Content-Length:3x\r\n\r\nabc",
         ok + "X-Content-Length: 0\r\n\r\n", ok + "Content-Length: 4\r\n\r\nab\r\n\r\n",
@@ -127,52 +125,74 @@ TEST(AppendProcessEntry, WritesEachEndpointOnceWithItsMethodUpToEightyEntries) {
       {10, "UDP", "10.0.0.1", 443}, {10, "TCP", "10.0.0.1", 444},
       {10, "TCP", "1::2", 3},       {10, "TCP", "1::", 23}};
   for (const SocketObservation& observation : observations) AppendProcessEntry(list, observation);
-  // An entry's fixed fields around its name, method and host.
-  const auto entry = [](std::string name, std::string method, std::string host) {
-    return "{\"processName\":\"" + name +
-           "\",\"policy\":\"Proxy\",\"totalBytes\":0,\"uploadBytesPerSecond\":0,"
-           "\"downloadBytesPerSecond\":0,\"durationSeconds\":0,\"status\":\"Active\",\"method\":"
-           "\"" +
-           method + "\",\"host\":\"" + host + "\"}";
+  // The entries shown as "name method host", around the fixed fields.
+  const auto entries = [](std::initializer_list<std::string_view> shown) {
+    std::string text;
+    for (std::string_view e : shown) {
+      const std::size_t a = e.find(' '), b = e.rfind(' ');
+      text.append(text.empty() ? "[{\"processName\":\"" : ",{\"processName\":\"")
+          .append(e.substr(0, a))
+          .append(
+              "\",\"policy\":\"Proxy\",\"totalBytes\":0,\"uploadBytesPerSecond\":0,"
+              "\"downloadBytesPerSecond\":0,\"durationSeconds\":0,\"status\":\"Active\","
+              "\"method\":\"")
+          .append(e.substr(a + 1, b - a - 1))
+          .append("\",\"host\":\"")
+          .append(e.substr(b + 1))
+          .append("\"}");
+    }
+    return text;
   };
-  EXPECT_EQ(list.text, "[" + entry("app10.exe", "HTTPS", "10.0.0.1:443") + "," +
-                           entry("we\\\"ird\\\\name.exe", "HTTP", "10.0.0.1:80") + "," +
-                           entry("app7.exe", "UDP", "127.0.0.2:53") + "," +
-                           entry("app7.exe", "TCP", "0:0:0:0:0:0:0:1:8443") + "," +
-                           entry("app11.exe", "HTTPS", "10.0.0.1:443") + "," +
-                           entry("app10.exe", "HTTPS", "10.0.0.1:443") + "," +
-                           entry("app10.exe", "TCP", "10.0.0.1:444") + "," +
-                           entry("app10.exe", "TCP", "1::2:3") + "," +
-                           entry("app10.exe", "TCP", "1:::23"));
+  EXPECT_EQ(
+      list.text,
+      entries({"app10.exe HTTPS 10.0.0.1:443", "we\\\"ird\\\\name.exe HTTP 10.0.0.1:80",
+               "app7.exe UDP 127.0.0.2:53", "app7.exe TCP 0:0:0:0:0:0:0:1:8443",
+               "app11.exe HTTPS 10.0.0.1:443", "app10.exe HTTPS 10.0.0.1:443",
+               "app10.exe TCP 10.0.0.1:444", "app10.exe TCP 1::2:3", "app10.exe TCP 1:::23"}));
   EXPECT_EQ(gLookups, 9);
   for (std::uint32_t pid = 1000; pid < 1200; ++pid)
     AppendProcessEntry(list, {pid, "TCP", "10.1.0.1", 8000});
   EXPECT_EQ(list.count, kMaxProcessEntries);
   EXPECT_EQ(gLookups, 80);
-  EXPECT_TRUE(list.text.ends_with("," + entry("app1070.exe", "TCP", "10.1.0.1:8000")));
+  EXPECT_TRUE(list.text.ends_with(
+      entries({"app1069.exe TCP 10.1.0.1:8000", "app1070.exe TCP 10.1.0.1:8000"}).substr(1)));
 }
 
-// "addr:port" of an endpoint, the address as dotted or hex bytes, for the tables below.
-static std::string Shown(const std::array<std::uint8_t, 16>& address, bool ipv6,
-                         std::uint16_t port) {
-  std::string text;
-  for (std::size_t i = 0; i < (ipv6 ? 16u : 4u); ++i) {
-    if (i > 0) text += '.';
-    text += std::to_string(address[i]);
-  }
-  return text + ":" + std::to_string(port);
-}
+// Each row as "local remote st<state> uid<uid> ino<inode>|", an endpoint as
+// its address bytes (4 or 16) in decimal, dotted, then ":port".
 static std::string Rows(std::function<void(const KernelRowSink&)> read) {
-  std::string rows;
+  std::ostringstream rows;
   read([&](const KernelSocketRow& r) {
-    rows += Shown(r.local, r.ipv6, r.localPort) + ">" + Shown(r.remote, r.ipv6, r.remotePort) +
-            " st" + std::to_string(r.state) + " uid" + std::to_string(r.uid) + " ino" +
-            std::to_string(r.inode) + "|";
+    for (const auto& [address, port] :
+         {std::pair{r.local, r.localPort}, {r.remote, r.remotePort}}) {
+      for (std::size_t i = 0; i < (r.ipv6 ? 16u : 4u); ++i)
+        rows << (i > 0 ? "." : "") << +address[i];
+      rows << ':' << port << ' ';
+    }
+    rows << "st" << +r.state << " uid" << r.uid << " ino" << r.inode << '|';
   });
-  return rows;
+  return rows.str();
+}
+// One netlink message: its header, then `body`.
+static std::string NetlinkMessage(std::uint16_t type, const std::string& body) {
+  std::string message(16, '\0');
+  const std::uint32_t length = static_cast<std::uint32_t>(16 + body.size());
+  std::memcpy(message.data(), &length, 4);
+  std::memcpy(message.data() + 4, &type, 2);
+  return message + body + std::string((4 - body.size() % 4) % 4, '\0');
+}
+// An inet_diag_msg as the kernel sends it: `head` holds family, state, two
+// unused bytes, then both ports big-endian.
+static std::string DiagMessage(const std::string& head, const std::string& src,
+                               const std::string& dst, std::uint32_t uid, std::uint32_t inode) {
+  std::string body = head + std::string(72 - head.size(), '\0');
+  body.replace(8, src.size(), src).replace(24, dst.size(), dst);
+  std::memcpy(body.data() + 64, &uid, 4);
+  std::memcpy(body.data() + 68, &inode, 4);
+  return body;
 }
 
-TEST(ReadProcNetTable, KernelWordsHexPortsStatesAndOnlyWholeRows) {
+TEST(KernelSocketRows, ProcNetTablesAndDiagAnswersGiveOnlyWholeRows) {
   const std::string head =
       "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  "
       "timeout inode\n";
@@ -185,47 +205,22 @@ TEST(ReadProcNetTable, KernelWordsHexPortsStatesAndOnlyWholeRows) {
       "   2: garbage\n"
       "   3: 0100007F:0050 0100007F:C000 01 00000000:00000000 00:000";  // cut by a growing table
   EXPECT_EQ(Rows([&](const KernelRowSink& sink) { ReadProcNetTable(v4, false, sink); }),
-            "127.0.0.1:53>0.0.0.0:0 st10 uid102 ino21507|"
-            "127.0.0.2:45478>127.0.0.2:5555 st1 uid1000 ino77001|");
+            "127.0.0.1:53 0.0.0.0:0 st10 uid102 ino21507|"
+            "127.0.0.2:45478 127.0.0.2:5555 st1 uid1000 ino77001|");
   // IPv6: four words, each byte-swapped; the mapped form keeps ::ffff:.
   const std::string v6 = head +
                          "   0: 0000000000000000FFFF00000100007F:1F90 "
                          "20010DB8000000000000000001000000:01BB 01 00000000:00000000 "
                          "00:00000000 00000000     0        0 9 1\n";
   EXPECT_EQ(Rows([&](const KernelRowSink& sink) { ReadProcNetTable(v6, true, sink); }),
-            "0.0.0.0.0.0.0.0.0.0.255.255.127.0.0.1:8080>"
+            "0.0.0.0.0.0.0.0.0.0.255.255.127.0.0.1:8080 "
             "184.13.1.32.0.0.0.0.0.0.0.0.0.0.0.1:443 st1 uid0 ino9|");
-}
-
-// One netlink message: its header, then `body`.
-static std::string NetlinkMessage(std::uint16_t type, const std::string& body) {
-  std::string message(16, '\0');
-  const std::uint32_t length = static_cast<std::uint32_t>(16 + body.size());
-  std::memcpy(message.data(), &length, 4);
-  std::memcpy(message.data() + 4, &type, 2);
-  return message + body + std::string((4 - body.size() % 4) % 4, '\0');
-}
-// An inet_diag_msg as the kernel sends it.
-static std::string DiagMessage(std::uint8_t family, std::uint8_t state, std::uint16_t sport,
-                               std::string src, std::uint16_t dport, std::string dst,
-                               std::uint32_t uid, std::uint32_t inode) {
-  std::string body(72, '\0');
-  body[0] = static_cast<char>(family);
-  body[1] = static_cast<char>(state);
-  body[4] = static_cast<char>(sport >> 8), body[5] = static_cast<char>(sport);
-  body[6] = static_cast<char>(dport >> 8), body[7] = static_cast<char>(dport);
-  std::memcpy(body.data() + 8, src.data(), src.size());
-  std::memcpy(body.data() + 24, dst.data(), dst.size());
-  std::memcpy(body.data() + 64, &uid, 4);
-  std::memcpy(body.data() + 68, &inode, 4);
-  return body;
-}
-
-TEST(ReadDiagAnswer, RowsUntilDoneAndRefusesWhatDoesNotFit) {
+  // The same rows from a sock_diag answer: 40000 -> 443 over IPv4, then port 53 over IPv6.
   const std::string tcp = NetlinkMessage(
-      20, DiagMessage(2, 1, 40000, "\x7F\0\0\x02"s, 443, "\x7F\0\0\x01"s, 1000, 4242));
-  const std::string udp6 =
-      NetlinkMessage(20, DiagMessage(10, 7, 53, std::string(15, '\0') + "\x01", 0, "", 0, 7));
+      20,
+      DiagMessage("\x02\x01\0\0\x9C\x40\x01\xBB"s, "\x7F\0\0\x02"s, "\x7F\0\0\x01"s, 1000, 4242));
+  const std::string udp6 = NetlinkMessage(
+      20, DiagMessage("\x0A\x07\0\0\0\x35"s, std::string(15, '\0') + "\x01", "", 0, 7));
   const std::string done = NetlinkMessage(3, std::string(4, '\0'));
   std::string rows;
   const auto read = [&](std::string_view bytes) {
@@ -235,8 +230,8 @@ TEST(ReadDiagAnswer, RowsUntilDoneAndRefusesWhatDoesNotFit) {
   };
   EXPECT_EQ(read(tcp + udp6), DiagStatus::kMore);
   EXPECT_EQ(rows,
-            "127.0.0.2:40000>127.0.0.1:443 st1 uid1000 ino4242|"
-            "0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.1:53>0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0:0 st7 uid0 ino7|");
+            "127.0.0.2:40000 127.0.0.1:443 st1 uid1000 ino4242|"
+            "0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.1:53 0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0:0 st7 uid0 ino7|");
   EXPECT_EQ(read(tcp + done), DiagStatus::kDone);
   EXPECT_EQ(read(NetlinkMessage(2, std::string(20, '\0'))), DiagStatus::kFailed);
   EXPECT_EQ(read(tcp.substr(0, tcp.size() - 1)), DiagStatus::kFailed);  // runs past the bytes

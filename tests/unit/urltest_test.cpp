@@ -86,9 +86,7 @@ TEST(CheckServiceUrlTest, AllowsHttpAddressesAndRefusesControlBytes) {
     EXPECT_EQ(CheckServiceUrlTest({"id", url, tags, "{}"}, refusal), expected.empty()) << url;
     EXPECT_EQ(refusal, expected) << url;
   }
-}
-
-TEST(BuildUrlTestResultLine, EscapesTheTagOnly) {
+  // Result lines escape the tag only.
   EXPECT_EQ(BuildUrlTestResultLine("a\"b\\c\n\xE6\x9D\xB1", 412),
             "{\"nodeTag\":\"a\\\"b\\\\c\\n\xE6\x9D\xB1\",\"delayMs\":412}\n");
   EXPECT_EQ(BuildUrlTestResultLine("", -2147483647 - 1),
@@ -101,7 +99,7 @@ static ChildHandle Token(std::intptr_t n) { return n; }
 static ChildHandle Same(ChildHandle process) { return process; }
 static ChildHandle Twice(ChildHandle p) { return p * 2; }
 
-TEST(UrlTestRegistry, CancelMarksAndReturnsTheRunningProcesses) {
+TEST(UrlTestRegistry, CancelMarksAndReturnsTheRunningProcessesAndWaitingCancelsAreBounded) {
   EXPECT_FALSE(IsUrlTestCanceled("reg-a"));
   for (std::uintptr_t n : {1, 2, 1, 3}) RegisterTestProcess("reg-a", Token(n));
   RegisterTestProcess("reg-b", Token(9));
@@ -125,9 +123,6 @@ TEST(UrlTestRegistry, CancelMarksAndReturnsTheRunningProcesses) {
   EXPECT_FALSE(IsUrlTestCanceled("reg-a") || IsUrlTestCanceled("reg-b"));
   EXPECT_TRUE(MarkUrlTestCanceled("reg-b", Same).empty());
   EndUrlTest("reg-b");
-}
-
-TEST(UrlTestRegistry, CancelsOfIdsWithoutARunningTestAreBounded) {
   // Too long to be kept, unless its test runs.
   const std::string longId(kMaxWaitingCancelIdBytes + 1, 'x');
   MarkUrlTestCanceled(longId, Same, 1000);
