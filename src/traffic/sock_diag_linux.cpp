@@ -16,7 +16,8 @@ bool QuerySockDiag(const inet_diag_req_v2& request, bool dump, const KernelRowSi
     return false;
   }
   // The kernel answers at once; the bound keeps a caller's identity look-up
-  // (on the accepting thread) from ever waiting long.
+  // (on the accepting thread) or orvelctl's listener check from ever waiting
+  // long.
   const timeval bound{1, 0};
   setsockopt(diag, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof(bound));
   struct {
@@ -39,9 +40,13 @@ bool QuerySockDiag(const inet_diag_req_v2& request, bool dump, const KernelRowSi
              sizeof(kernel)) == static_cast<ssize_t>(sizeof(query))) {
     alignas(nlmsghdr) static thread_local char buffer[32768];
     do {
-      const ssize_t got = recv(diag, buffer, sizeof(buffer), 0);
-      if (got < 0) error = LastSystemError("recv", kWhat);
-      status = got <= 0
+      sockaddr_nl from{};
+      socklen_t fromSize = sizeof(from);
+      const ssize_t got =
+          recvfrom(diag, buffer, sizeof(buffer), 0, reinterpret_cast<sockaddr*>(&from), &fromSize);
+      if (got < 0) error = LastSystemError("recvfrom", kWhat);
+      // Only the kernel (port 0) speaks for the table.
+      status = got <= 0 || from.nl_pid != 0
                    ? DiagStatus::kFailed
                    : ReadDiagAnswer(std::string_view(buffer, static_cast<std::size_t>(got)), count);
       // A request for one socket is answered with that socket alone.
