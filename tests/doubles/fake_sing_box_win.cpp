@@ -1,6 +1,8 @@
 #include <winsock2.h>
 #include <ws2tcpip.h>
 
+#include <cstdlib>
+
 #include "doubles/fake_sing_box.h"
 
 namespace fake {
@@ -8,12 +10,8 @@ namespace fake {
 namespace {
 
 std::string WideToUtf8(const std::wstring& text) {
-  const int length = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
-                                         nullptr, 0, nullptr, nullptr);
-  std::string out(static_cast<std::size_t>(length), '\0');
-  WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), length,
-                      nullptr, nullptr);
-  return out;
+  const std::u8string utf8 = std::filesystem::path(text).u8string();
+  return std::string(utf8.begin(), utf8.end());
 }
 
 void WriteOut(DWORD which, const std::string& bytes) {
@@ -26,19 +24,8 @@ void WriteOut(DWORD which, const std::string& bytes) {
 void SleepMs(unsigned long ms) { Sleep(ms); }
 std::string ProcessId() { return std::to_string(GetCurrentProcessId()); }
 std::string CommandLine() { return WideToUtf8(GetCommandLineW()); }
-
-std::string CurrentDirectory() {
-  wchar_t directory[MAX_PATH] = {};
-  GetCurrentDirectoryW(MAX_PATH, directory);
-  return WideToUtf8(directory);
-}
-
-std::string Variable(const char* name) {
-  char value[64] = {};
-  GetEnvironmentVariableA(name, value, sizeof(value));
-  return value;
-}
-
+std::string CurrentDirectory() { return WideToUtf8(std::filesystem::current_path().wstring()); }
+std::string Variable(const char* name) { return std::getenv(name) ? std::getenv(name) : ""; }
 std::filesystem::path RecordsDirectory() { return L"C:\\OrvelTest"; }
 void WriteStdout(const std::string& bytes) { WriteOut(STD_OUTPUT_HANDLE, bytes); }
 void WriteStderr(const std::string& bytes) { WriteOut(STD_ERROR_HANDLE, bytes); }
@@ -50,9 +37,7 @@ Socket OpenTcp(const std::string& host, unsigned short port, bool listening) {
   const SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
   const BOOL reuse = TRUE;
   setsockopt(s, SOL_SOCKET, SO_REUSEADDR, reinterpret_cast<const char*>(&reuse), sizeof(reuse));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
+  sockaddr_in address{AF_INET, htons(port), {}, {}};
   inet_pton(AF_INET, host.c_str(), &address.sin_addr);
   const auto* raw = reinterpret_cast<const sockaddr*>(&address);
   if (listening ? bind(s, raw, sizeof(address)) == 0 && listen(s, SOMAXCONN) == 0
@@ -63,9 +48,9 @@ Socket OpenTcp(const std::string& host, unsigned short port, bool listening) {
   return kNoSocket;
 }
 
+// INVALID_SOCKET (all bits set) is kNoSocket.
 Socket Accept(Socket listener) {
-  const SOCKET client = accept(static_cast<SOCKET>(listener), nullptr, nullptr);
-  return client == INVALID_SOCKET ? kNoSocket : static_cast<Socket>(client);
+  return static_cast<Socket>(accept(static_cast<SOCKET>(listener), nullptr, nullptr));
 }
 
 // A blocking send returns once all of it is on its way, or fails.
@@ -73,11 +58,9 @@ bool SendText(Socket s, const std::string& bytes) {
   return send(static_cast<SOCKET>(s), bytes.data(), static_cast<int>(bytes.size()), 0) ==
          static_cast<int>(bytes.size());
 }
-
 long Receive(Socket s, char* buffer, std::size_t size) {
   return recv(static_cast<SOCKET>(s), buffer, static_cast<int>(size), 0);
 }
-
 void CloseSocket(Socket s) { closesocket(static_cast<SOCKET>(s)); }
 void ShutdownSend(Socket s) { shutdown(static_cast<SOCKET>(s), SD_SEND); }
 

@@ -11,34 +11,22 @@
 #include <tlhelp32.h>
 
 #include <cstdio>
-
-namespace {
-
-int CountCoreProcesses() {
-  int count = 0;
-  HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
-  if (snapshot == INVALID_HANDLE_VALUE) return -1;
-  PROCESSENTRY32W entry{};
-  entry.dwSize = sizeof(entry);
-  for (BOOL more = Process32FirstW(snapshot, &entry); more;
-       more = Process32NextW(snapshot, &entry)) {
-    if (_wcsicmp(entry.szExeFile, L"sing-box.exe") == 0) ++count;
-  }
-  CloseHandle(snapshot);
-  return count;
-}
-
-void AppendLine(const wchar_t* path, unsigned long value) {
-  if (FILE* file = _wfopen(path, L"ab")) {
-    std::fprintf(file, "%lu\n", value);
-    std::fclose(file);
-  }
-}
-
-}  // namespace
+#include <utility>
 
 extern "C" __declspec(dllexport) BOOL WINAPI InternetSetOptionW(void*, DWORD option, void*, DWORD) {
-  AppendLine(L"C:\\OrvelTest\\wininet-calls.txt", option);
-  AppendLine(L"C:\\OrvelTest\\wininet-cores.txt", static_cast<unsigned long>(CountCoreProcesses()));
+  DWORD cores = 0;
+  HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+  PROCESSENTRY32W entry{};
+  entry.dwSize = sizeof(entry);
+  for (BOOL more = Process32FirstW(snapshot, &entry); more; more = Process32NextW(snapshot, &entry))
+    cores += _wcsicmp(entry.szExeFile, L"sing-box.exe") == 0;
+  CloseHandle(snapshot);
+  for (const auto& [path, value] : {std::pair{L"C:\\OrvelTest\\wininet-calls.txt", option},
+                                    {L"C:\\OrvelTest\\wininet-cores.txt", cores}}) {
+    if (FILE* file = _wfopen(path, L"ab")) {
+      std::fprintf(file, "%lu\n", value);
+      std::fclose(file);
+    }
+  }
   return GetFileAttributesW(L"C:\\OrvelTest\\wininet-fail") == INVALID_FILE_ATTRIBUTES;
 }

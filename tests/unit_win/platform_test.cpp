@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 #include <ws2tcpip.h>
 
-#include <algorithm>
 #include <thread>
 
 #include "core/child_process.h"
@@ -20,18 +19,8 @@
 namespace orvel {
 namespace {
 
-// `text` of `family` with `port` into `address`, which holds either family
-// (the port sits at the same place); the length used.
-int Address(int family, const char* text, std::uint16_t port, sockaddr_in6& address) {
-  int length = sizeof(address);
-  WSAStringToAddressA(const_cast<char*>(text), family, nullptr,
-                      reinterpret_cast<sockaddr*>(&address), &length);
-  address.sin6_port = htons(port);
-  return length;
-}
-
-// A new socket in `own` bound to `address` port 0; the port chosen, 0 on
-// failure.
+// A new socket in `own` bound to `address` (of `family`) port 0; the port
+// chosen, 0 on failure.
 std::uint16_t Bound(std::vector<SOCKET>& own, int family, int type, const char* address) {
   WSADATA data{};  // counted: one more start is harmless
   WSAStartup(MAKEWORD(2, 2), &data);
@@ -39,8 +28,9 @@ std::uint16_t Bound(std::vector<SOCKET>& own, int family, int type, const char* 
   const DWORD off = 0;  // an IPv6 socket takes IPv4 too
   setsockopt(own.back(), IPPROTO_IPV6, IPV6_V6ONLY, reinterpret_cast<const char*>(&off), 4);
   sockaddr_in6 storage{};
-  int length = Address(family, address, 0, storage);
+  int length = sizeof(storage);
   auto* any = reinterpret_cast<sockaddr*>(&storage);
+  WSAStringToAddressA(const_cast<char*>(address), family, nullptr, any, &length);
   if (bind(own.back(), any, length) != 0 || getsockname(own.back(), any, &length) != 0) return 0;
   return ntohs(storage.sin6_port);
 }
@@ -63,7 +53,7 @@ TEST(DrainChildOutput, StopsAtTheChunkPastFourKiB) {
 
 // The two ends the core's controller double does not drive: a server that
 // closes an answer with no length, and an answer that never completes.
-TEST(LocalHttpGet, SendsOneGetAndReadsUntilTheCloseOrTheCap) {
+TEST(LocalHttpGet, ReadsUntilTheCloseOrTheCap) {
   const std::pair<std::string, std::size_t> cases[] = {
       // Sent, then the server closes; the bytes kept.
       {"HTTP/1.1 200 OK\r\n\r\nno length", 28},
@@ -74,22 +64,19 @@ TEST(LocalHttpGet, SendsOneGetAndReadsUntilTheCloseOrTheCap) {
     std::vector<SOCKET> listener;
     const std::uint16_t port = Bound(listener, AF_INET, SOCK_STREAM, "127.0.0.1");
     listen(listener[0], 1);
-    std::string request;
     std::thread server([&] {
       client::ClientSocket client;
       client.handle = static_cast<client::SocketHandle>(accept(listener[0], nullptr, nullptr));
-      char chunk[4096];  // the request is one small send
-      request.assign(chunk, std::max(recv(static_cast<SOCKET>(client.handle), chunk, 4096, 0), 0));
+      char chunk[4096];  // the request (its text is BuildControllerRequest's) is one small send
+      recv(static_cast<SOCKET>(client.handle), chunk, 4096, 0);
       client::SendAllBytes(client, sent);
     });
     std::string response;
     EXPECT_TRUE(LocalHttpGet(port, "/traffic", 20000, response));
     server.join();
     closesocket(listener[0]);
-    EXPECT_EQ(request, "GET /traffic HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n");
     EXPECT_EQ(response, sent.substr(0, response.size()));
-    EXPECT_EQ(std::min(response.size(), kCoreResponseCapBytes), kept);
-    EXPECT_LT(response.size(), kCoreResponseCapBytes + kCoreReceiveChunkBytes);
+    EXPECT_TRUE(response.size() >= kept && response.size() < kept + kCoreReceiveChunkBytes);
   }
 }
 
@@ -105,31 +92,27 @@ TEST(SocketTables, EachScanGivesOurEndpointWithItsOwner) {
   const SOCKET listener = own.back();
   listen(listener, 1);
   const std::uint16_t client = Bound(own, AF_INET, SOCK_STREAM, "127.0.0.3");
-  sockaddr_in6 peer{};
-  connect(own.back(), reinterpret_cast<sockaddr*>(&peer),
-          Address(AF_INET, "127.0.0.3", server, peer));
+  const sockaddr_in peer{AF_INET, htons(server), {{{127, 0, 0, 3}}}, {}};
+  connect(own.back(), reinterpret_cast<const sockaddr*>(&peer), sizeof(peer));
   own.push_back(accept(listener, nullptr, nullptr));
-  const struct {
-    void (*scan)(const ObservationSink&);
-    std::string protocol, address;
-    std::uint16_t port;
-  } cases[] = {
-      // Wine binds a UDP socket meant for one IPv4 address to the wildcard
-      // address on the host (to get broadcasts as on Windows), and the
-      // host's table shows that.
-      {&ScanUdp4, "UDP", wine ? "0.0.0.0" : "127.0.0.2", udp4},
-      {&ScanUdp6, "UDP", "::1", udp6},
-      {&ScanTcp4, "TCP", "127.0.0.3", server},  // a TCP row names the peer
-      {&ScanTcp6, "TCP", "::ffff:127.0.0.3", client},
-  };
-  for (const auto& c : cases) {
-    if (c.port == 0) GTEST_SKIP() << c.address << " cannot be bound here";
+  const std::tuple<void (*)(const ObservationSink&), std::string, std::string, std::uint16_t>
+      cases[] = {
+          // Wine binds a UDP socket meant for one IPv4 address to the wildcard
+          // address on the host (to get broadcasts as on Windows), and the
+          // host's table shows that.
+          {&ScanUdp4, "UDP", wine ? "0.0.0.0" : "127.0.0.2", udp4},
+          {&ScanUdp6, "UDP", "::1", udp6},
+          {&ScanTcp4, "TCP", "127.0.0.3", server},  // a TCP row names the peer
+          {&ScanTcp6, "TCP", "::ffff:127.0.0.3", client},
+      };
+  for (const auto& [scan, protocol, address, port] : cases) {
+    if (port == 0) GTEST_SKIP() << address << " cannot be bound here";
     int found = 0;
-    c.scan([&](const SocketObservation& o) {
-      if (o.protocol != c.protocol || o.address != c.address || o.port != c.port) return;
+    scan([&](const SocketObservation& o) {
+      if (o.protocol != protocol || o.address != address || o.port != port) return;
       found += o.pid == GetCurrentProcessId() || (wine && o.pid == 0);
     });
-    EXPECT_EQ(found, 1) << c.address << " port " << c.port;
+    EXPECT_EQ(found, 1) << address << " port " << port;
   }
   for (SOCKET s : own) closesocket(s);
 }
