@@ -36,6 +36,10 @@ struct ProcessUsage {
 };
 
 ProcessUsage MeasureProcess(HANDLE process);
+// MeasureProcess of a helper the harness started.
+inline ProcessUsage MeasureHelper(const test::ScopedHelper& helper) {
+  return MeasureProcess(reinterpret_cast<HANDLE>(helper.child.process));
+}
 // "handles H, threads T, private P KiB, committed C KiB, working set W KiB"
 std::string DescribeUsage(const ProcessUsage& usage);
 // The same fields as differences from `before`.

@@ -61,14 +61,14 @@ int main(int argc, char** argv) {
               (summary.medianUs - kSurvivalWaitUs) / 1000.0,
               (summary.p99Us - kSurvivalWaitUs) / 1000.0);
 
-  const bench::ProcessUsage first = bench::MeasureProcess(helper.process.hProcess);
+  const bench::ProcessUsage first = bench::MeasureHelper(helper);
   int cycleFailures = 0;
   const double cyclesStart = bench::NowUs();
   for (int i = 0; i < cycles; ++i) {
     if (!Cycle(i % 2 == 0 ? "/start" : "/start-tun")) ++cycleFailures;
   }
   const double cyclesMs = (bench::NowUs() - cyclesStart) / 1000.0;
-  const bench::ProcessUsage last = bench::MeasureProcess(helper.process.hProcess);
+  const bench::ProcessUsage last = bench::MeasureHelper(helper);
   std::printf("%d start/stop cycles (proxy and TUN alternating), %.0f ms, failures %d\n", cycles,
               cyclesMs, cycleFailures);
   std::printf("  before: %s\n  after:  %s\n  growth: %s\n", bench::DescribeUsage(first).c_str(),

@@ -112,7 +112,7 @@ void RunPingLoads(test::ScopedHelper& helper) {
   Check(load.errors == 0 && load.summary.count == 10000,
         "every request answered with exactly pong");
   std::printf("  usage after the load: %s\n",
-              bench::DescribeUsage(bench::MeasureProcess(helper.process.hProcess)).c_str());
+              bench::DescribeUsage(bench::MeasureHelper(helper)).c_str());
 
   // Sockets close themselves and cannot move: a deque builds them in place.
   std::deque<client::ClientSocket> idle(kIdleConnections);
@@ -127,7 +127,7 @@ void RunPingLoads(test::ScopedHelper& helper) {
   Check(connected == kIdleConnections, "all 200 idle connections accepted");
   Check(held.errors == 0, "/ping answered while they are held");
   std::printf("  usage while they are held: %s\n",
-              bench::DescribeUsage(bench::MeasureProcess(helper.process.hProcess)).c_str());
+              bench::DescribeUsage(bench::MeasureHelper(helper)).c_str());
 }
 
 void RunCyclesAndUrlTests(test::ScopedHelper& helper, const bench::ProcessUsage& afterLoad) {
@@ -153,7 +153,7 @@ void RunCyclesAndUrlTests(test::ScopedHelper& helper, const bench::ProcessUsage&
   Check(lostLines == 0, "every node reported with a delay");
   Check(WaitNoCores(5000), "no sing-box.exe left");
   Check(UrlTestConfigFiles().empty(), "no temporary configuration left");
-  const bench::ProcessUsage after = bench::MeasureProcess(helper.process.hProcess);
+  const bench::ProcessUsage after = bench::MeasureHelper(helper);
   std::printf("  usage after cycles and URL tests: %s\n  growth since the ping load: %s\n",
               bench::DescribeUsage(after).c_str(), bench::DescribeGrowth(afterLoad, after).c_str());
 }
@@ -216,7 +216,7 @@ void RunClientHangsUpMidStream() {
   Check(WaitForLog(completed, completedBefore, 15000), "the test ran to its end");
   Check(WaitNoCores(5000), "every test process ended");
   const std::vector<std::wstring> left = UrlTestConfigFiles();
-  for (const std::wstring& name : left) std::printf("  left: %s\n", test::ToUtf8(name).c_str());
+  for (const std::wstring& name : left) std::printf("  left: %s\n", test::PathText(name).c_str());
   Check(left.empty(), "the temporary file is gone");
 }
 
@@ -258,15 +258,15 @@ int main() {
   test::ScopedHelper helper;
   if (!bench::StartBenchHelper(helper, test::CorePlacement::kBesideExe)) return 1;
   std::printf("OrvelVpnHelper load and fault run, under Wine on this machine\n");
-  const bench::ProcessUsage atStart = bench::MeasureProcess(helper.process.hProcess);
+  const bench::ProcessUsage atStart = bench::MeasureHelper(helper);
   std::printf("usage at start: %s\n", bench::DescribeUsage(atStart).c_str());
 
   RunPingLoads(helper);
   // The threads of the closed idle connections end as their reads fail.
-  bench::ProcessUsage afterLoad = bench::MeasureProcess(helper.process.hProcess);
+  bench::ProcessUsage afterLoad = bench::MeasureHelper(helper);
   for (int i = 0; i < 100 && afterLoad.threads > atStart.threads; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    afterLoad = bench::MeasureProcess(helper.process.hProcess);
+    afterLoad = bench::MeasureHelper(helper);
   }
   RunCyclesAndUrlTests(helper, afterLoad);
   RunCoreKilledFromOutside();
@@ -275,15 +275,15 @@ int main() {
   RunConcurrentSessionsOneCancelled();
 
   // The same load again: memory that grows per request would show up here.
-  const bench::ProcessUsage beforeRepeat = bench::MeasureProcess(helper.process.hProcess);
+  const bench::ProcessUsage beforeRepeat = bench::MeasureHelper(helper);
   const bench::LoadRun repeat = bench::RunPingLoad(test::kHelperPort, kLoadClients, kLoadPerClient);
-  const bench::ProcessUsage afterRepeat = bench::MeasureProcess(helper.process.hProcess);
+  const bench::ProcessUsage afterRepeat = bench::MeasureHelper(helper);
   std::printf("10,000 GET /ping again: %s\n  growth over it: %s\n",
               bench::DescribeLoad(repeat).c_str(),
               bench::DescribeGrowth(beforeRepeat, afterRepeat).c_str());
   Check(repeat.errors == 0, "every request answered again");
 
-  const bench::ProcessUsage atEnd = bench::MeasureProcess(helper.process.hProcess);
+  const bench::ProcessUsage atEnd = bench::MeasureHelper(helper);
   std::printf("usage at the end: %s\n  growth since start: %s\n",
               bench::DescribeUsage(atEnd).c_str(), bench::DescribeGrowth(atStart, atEnd).c_str());
   Check(helper.Running(), "the helper is still running");

@@ -102,7 +102,7 @@ int main() {
   std::printf("URL test of %d nodes at %d ms each, %d workers, under Wine on this machine\n",
               kNodes, kNodeDelayMs, kWorkers);
   for (int run = 1; run <= kRuns; ++run) {
-    const bench::Summary start = MeasureProcessStart(helper.directory + L"\\sing-box.exe");
+    const bench::Summary start = MeasureProcessStart(helper.directory / L"sing-box.exe");
     const double startMs = start.medianUs / 1000.0;
     test::ResetTestRecords();
 
