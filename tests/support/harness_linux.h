@@ -3,11 +3,12 @@
 // The Linux part of the harness (included by harness.h): a real
 // orvel-vpn-helper started with fork and exec in a folder of its own, with an
 // environment the test controls (data, runtime and record directories inside
-// the build tree, never the user's own), and the core doubles of this build
-// tree found in /proc.
+// the build tree, never the user's own), the core doubles of this build tree
+// found in /proc, and children that run as another account.
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -17,6 +18,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <functional>
 #include <tuple>
 
 namespace orvel::test {
@@ -45,52 +47,53 @@ inline const bool kTestEnvironmentSet = [] {
 inline fs::path HelperDataDirectory() { return WorkDirectory() / "data" / "OrvelVPN"; }
 inline fs::path RecordPath(std::string_view name) { return WorkDirectory() / "records" / name; }
 
-// Each running (not zombie) core double of this build tree: other build trees
-// on the machine may be running tests of their own.
-template <typename Visit>
-void ForEachCore(Visit visit) {
+// Sends `signal` (0: none) to each running (not zombie) core double of this
+// build tree, never another tree's, which may be running tests of its own;
+// how many there are.
+inline int SignalCores(int signal) {
   const std::string tree = BinDirectory().string() + "/";
+  int count = 0;
   std::error_code ec;
   for (const auto& entry : fs::directory_iterator("/proc", ec)) {
-    const std::string name = entry.path().filename().string();
-    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-    std::error_code gone;
+    std::error_code gone;  // a zombie's link, or a process that ended
     const fs::path exe = fs::read_symlink(entry.path() / "exe", gone);
     if (gone || exe.filename() != "sing-box" || !exe.string().starts_with(tree)) continue;
-    visit(static_cast<pid_t>(std::stoi(name)));
+    kill(std::stoi(entry.path().filename().string()), signal);
+    ++count;
   }
-}
-
-inline int CountCores() {
-  int count = 0;
-  ForEachCore([&](pid_t) { ++count; });
   return count;
 }
-
+inline int CountCores() { return SignalCores(0); }
 // SIGKILL to every core double, as the out-of-memory killer would; the helper
 // reports such an end as kKilledCoreEnd.
-inline void KillCores() {
-  ForEachCore([](pid_t pid) { kill(pid, SIGKILL); });
-}
+inline void KillCores() { SignalCores(SIGKILL); }
 inline constexpr std::string_view kKilledCoreEnd = "(signal 9)";
 
-// Starts `exe` with `arguments` in `directory`, output to `out` and `err`
-// (or /dev/null), no other descriptor of ours; its pid, or -1.
+// Drops every group but `gid` and becomes `uid`, or ends with exit code 1:
+// for a child only.
+inline void BecomeAccount(uid_t uid, gid_t gid) {
+  if (setgroups(0, nullptr) != 0 || setgid(gid) != 0 || setuid(uid) != 0) _exit(1);
+}
+
+// Starts `exe` with `arguments` in `directory`, output to `out` and `err`,
+// no other descriptor of ours, after `inChild` (run in the child first, to
+// become another account or change the environment); its pid, or -1.
 // With `dieWithTest`, the program is killed when the test process ends, however
 // it ends: a failed run must never leave a helper holding port 17891, which
 // fails every later run. Call it so only from the main thread (the death
 // signal follows the thread that forked).
-inline pid_t StartProgram(const fs::path& exe, const std::vector<std::string>& arguments,
+inline pid_t StartProgram(const fs::path& exe, std::vector<std::string> arguments,
                           const fs::path& directory, const fs::path& out = "/dev/null",
-                          const fs::path& err = "/dev/null", bool dieWithTest = false) {
-  std::vector<std::string> strings{exe.string()};
-  strings.insert(strings.end(), arguments.begin(), arguments.end());
+                          const fs::path& err = "/dev/null", bool dieWithTest = false,
+                          const std::function<void()>& inChild = {}) {
+  arguments.insert(arguments.begin(), exe.string());
   std::vector<char*> argv;
-  for (std::string& s : strings) argv.push_back(s.data());
+  for (std::string& s : arguments) argv.push_back(s.data());
   argv.push_back(nullptr);
   const pid_t parent = getpid();
   const pid_t pid = fork();
   if (pid != 0) return pid;
+  if (inChild) inChild();  // before the death signal, which a change of account clears
   if (dieWithTest && (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent)) _exit(125);
   const int input = open("/dev/null", O_RDONLY);
   const int output = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
@@ -110,9 +113,8 @@ inline int WaitForExit(pid_t pid, unsigned timeoutMs) {
   const std::uint64_t deadline = NowMs() + timeoutMs;
   for (;;) {
     int status = 0;
-    if (waitpid(pid, &status, WNOHANG) == pid) {
+    if (waitpid(pid, &status, WNOHANG) == pid)
       return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
     if (NowMs() > deadline) return -1;
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
@@ -144,34 +146,26 @@ struct ScopedHelper {
     fs::remove_all(directory, ec);
     fs::create_directories(directory);
     fs::copy_file(BinDirectory() / "orvel-vpn-helper", ExePath());
-    if (options.core == CorePlacement::kBesideExe) {
+    if (options.core == CorePlacement::kBesideExe)
       fs::copy_file(DoublesDirectory() / "sing-box", directory / "sing-box");
-    }
     if (!options.keepDataDirectory) fs::remove_all(HelperDataDirectory(), ec);
     fs::create_directories(RecordPath(""), ec);
     // The helper inherits our environment; PATH decides the last search step.
-    const std::string oldPath = std::getenv("PATH") != nullptr ? std::getenv("PATH") : "";
-    if (!options.extraPath.empty()) {
-      setenv("PATH", (options.extraPath.string() + ":" + oldPath).c_str(), 1);
-    }
-    pid = StartProgram(ExePath(), options.arguments, directory, "/dev/null", "/dev/null", true);
-    setenv("PATH", oldPath.c_str(), 1);
+    const std::string path = options.extraPath.string() + ":" + std::getenv("PATH");
+    pid =
+        StartProgram(ExePath(), options.arguments, directory, "/dev/null", "/dev/null", true, [&] {
+          if (!options.extraPath.empty()) setenv("PATH", path.c_str(), 1);
+        });
     return WaitForFirstPong([this] { return Running(); }, error);
   }
   // Ends the helper and every core double; safe to call twice.
   void Stop() {
-    Kill();
+    if (pid > 0) EndWith(SIGKILL);
     KillCores();
   }
-  // SIGKILL to the helper alone, as a crash would; its children are left to
-  // what the helper arranged for them.
-  void Kill() {
-    if (pid <= 0) return;
-    kill(pid, SIGKILL);
-    WaitForExit(pid, 10000);
-    pid = -1;
-  }
-  // `signal` to the helper; its exit code, or -1 when it did not end in 10 s.
+  // `signal` to the helper alone (SIGKILL as a crash would: its children are
+  // left to what the helper arranged for them); its exit code, or -1 when it
+  // did not end in 10 s.
   int EndWith(int signal) {
     kill(pid, signal);
     const int code = WaitForExit(pid, 10000);
@@ -194,47 +188,107 @@ inline std::tuple<std::uint32_t, std::string, std::string> RunProgram(
   const fs::path out = WorkDirectory() / "run-out.txt";
   const fs::path err = WorkDirectory() / "run-err.txt";
   const pid_t pid = StartProgram(exePath, arguments, fs::current_path(), out, err);
-  if (interruptAfterFetches > 0 && WaitForFetchRecords(interruptAfterFetches, 15000).size() > 0) {
+  if (interruptAfterFetches > 0 && WaitForFetchRecords(interruptAfterFetches, 15000).size() > 0)
     kill(pid, SIGINT);
-  }
   int code = WaitForExit(pid, 30000);
-  if (code < 0) {
-    kill(pid, SIGKILL);
-    code = WaitForExit(pid, 10000);
-  }
+  if (code < 0 && kill(pid, SIGKILL) == 0) code = WaitForExit(pid, 10000);
   return std::tuple{static_cast<std::uint32_t>(code), ReadFileBytes(out), ReadFileBytes(err)};
 }
 
+// Runs `work` in a child that has become `uid` (primary group `gid`, no
+// others) and returns the text it returned; the child ends after `holdMs`,
+// keeping whatever it opened until then. A child that sends nothing for a
+// minute (a helper that never answers) is killed rather than holding the
+// suite to its CTest limit.
+template <typename Work>
+std::string RunAs(uid_t uid, gid_t gid, Work work, unsigned holdMs = 0) {
+  int ends[2];
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return "socketpair failed";
+  const pid_t pid = fork();
+  if (pid == 0) {
+    // A copy of the test runner: it must never go on with the tests.
+    BecomeAccount(uid, gid);
+    std::string result;
+    try {
+      result = work();
+    } catch (...) {
+    }
+    [[maybe_unused]] const ssize_t written = write(ends[1], result.data(), result.size());
+    close(ends[1]);
+    std::this_thread::sleep_for(std::chrono::milliseconds(holdMs));
+    _exit(0);
+  }
+  close(ends[1]);
+  client::ClientSocket from;
+  from.handle = ends[0];
+  std::string result = ReadToEnd(from, nullptr, 60000);
+  if (WaitForExit(pid, holdMs + 10000) < 0 && kill(pid, SIGKILL) == 0)
+    result += " (killed: no end in time, exit " + std::to_string(WaitForExit(pid, 10000)) + ")";
+  return result;
+}
+
+// A child process that opens sockets with `open` and holds them until the
+// guard goes; the guard waits for it to be ready first.
+struct SocketHolder {
+  pid_t pid = -1;
+  template <typename Open>
+  explicit SocketHolder(Open open) {
+    int ready[2];
+    if (pipe(ready) != 0) return;
+    if ((pid = fork()) == 0) {
+      open();
+      [[maybe_unused]] const ssize_t written = write(ready[1], "r", 1);
+      pause();  // until the guard's SIGKILL
+    }
+    close(ready[1]);
+    char byte;  // or end-of-file, from a child that died first
+    [[maybe_unused]] const ssize_t got = read(ready[0], &byte, 1);
+    close(ready[0]);
+  }
+  ~SocketHolder() {
+    kill(pid, SIGKILL);
+    WaitForExit(pid, 10000);
+  }
+  SocketHolder(const SocketHolder&) = delete;
+  SocketHolder& operator=(const SocketHolder&) = delete;
+};
+
 // An IPv4 address (host byte order) and port, ready for bind or connect.
 struct Ipv4 {
-  sockaddr_in address{};
-  Ipv4(std::uint32_t host, std::uint16_t port) {
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(host);
-    address.sin_port = htons(port);
-  }
+  sockaddr_in address;
+  Ipv4(std::uint32_t host, std::uint16_t port) : address{AF_INET, htons(port), {htonl(host)}, {}} {}
   const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&address); }
   static constexpr socklen_t size = sizeof(sockaddr_in);
 };
 
-// Connects from 127.0.0.2, so that the helper's end of the connection is an
+// Connects to the helper over a new socket `prepare`d first.
+inline bool ConnectToHelperVia(client::ClientSocket& s, bool (*prepare)(int fd)) {
+  s.handle = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int fd = static_cast<int>(s.handle);
+  return prepare(fd) && connect(fd, Ipv4(INADDR_LOOPBACK, kHelperPort).get(), Ipv4::size) == 0;
+}
+// From 127.0.0.2, so that the helper's end of the connection is an
 // established endpoint that a snapshot lists (127.0.0.1 is left out).
 inline bool ConnectToHelperFrom127002(client::ClientSocket& s) {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  s.handle = static_cast<client::SocketHandle>(fd);
-  return bind(fd, Ipv4(0x7F000002, 0).get(), Ipv4::size) == 0 &&
-         connect(fd, Ipv4(INADDR_LOOPBACK, kHelperPort).get(), Ipv4::size) == 0;
+  return ConnectToHelperVia(
+      s, [](int fd) { return bind(fd, Ipv4(0x7F000002, 0).get(), Ipv4::size) == 0; });
+}
+// A request over a socket bound to the loopback device, which the kernel
+// finds only when asked for that device; the answer to its end.
+inline std::string ExchangeBoundToLoopback(std::string_view request) {
+  client::ClientSocket s;
+  return ConnectToHelperVia(
+             s, [](int fd) { return setsockopt(fd, SOL_SOCKET, SO_BINDTODEVICE, "lo", 3) == 0; }) &&
+                 client::SendAllBytes(s, request)
+             ? ReadToEnd(s)
+             : "";
 }
 
 // How many threads `pid` has now.
 inline int CountThreads(std::uint32_t pid) {
   std::error_code ec;
-  int count = 0;
-  for ([[maybe_unused]] const auto& task :
-       fs::directory_iterator("/proc/" + std::to_string(pid) + "/task", ec)) {
-    ++count;
-  }
-  return count;
+  const fs::directory_iterator tasks("/proc/" + std::to_string(pid) + "/task", ec);
+  return static_cast<int>(std::distance(tasks, fs::directory_iterator()));
 }
 
 // What the core double records as its command line: the program and each
