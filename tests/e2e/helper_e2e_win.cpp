@@ -218,14 +218,6 @@ ScHandle OpenOurService() {
 
 bool Pong() { return Request("GET", "/ping", {}, 2000).body == "pong"; }
 
-// The last status read while waiting up to 10 s for `state`.
-SERVICE_STATUS WaitForState(const ScHandle& service, DWORD state) {
-  SERVICE_STATUS status{};
-  WaitFor(
-      [&] { return QueryServiceStatus(service.get(), &status) && status.dwCurrentState == state; });
-  return status;
-}
-
 // Deletes the service if it exists (stopping it first), and waits until it
 // is gone: a service marked for deletion still answers OpenServiceW, and an
 // install that meets it would update the dying registration instead of
@@ -244,8 +236,11 @@ void RemoveService() {
 DWORD StartThroughScm() {
   const ScHandle service = OpenOurService();
   StartServiceW(service.get(), 0, nullptr);
-  const SERVICE_STATUS status = WaitForState(service, SERVICE_RUNNING);
-  return WaitFor(Pong) && status.dwCurrentState == SERVICE_RUNNING ? status.dwControlsAccepted : 0;
+  SERVICE_STATUS status{};
+  return WaitFor(Pong) && QueryServiceStatus(service.get(), &status) &&
+                 status.dwCurrentState == SERVICE_RUNNING
+             ? status.dwControlsAccepted
+             : 0;
 }
 
 constexpr const wchar_t* kUninstallKey =
@@ -371,8 +366,10 @@ TEST_F(Helper, ServiceIsInstalledRunsTheCoreAndRefusesUnsafeConfigurations) {
   SERVICE_STATUS stopped{};
   EXPECT_TRUE(ControlService(service.get(), SERVICE_CONTROL_STOP, &stopped) ||
               GetLastError() == ERROR_BROKEN_PIPE);
-  stopped = WaitForState(service, SERVICE_STOPPED);
-  EXPECT_TRUE(stopped.dwCurrentState == SERVICE_STOPPED && stopped.dwWin32ExitCode == 0);
+  EXPECT_TRUE(WaitFor([&] {
+    return QueryServiceStatus(service.get(), &stopped) && stopped.dwCurrentState == SERVICE_STOPPED;
+  }));
+  EXPECT_EQ(stopped.dwWin32ExitCode, 0u);
   EXPECT_EQ(ReadProxyValues(), kUserProxy);
   EXPECT_EQ(CountCores(), 0);
   EXPECT_EQ(ReadWininetCalls() + ReadFileBytes(RecordPath("wininet-cores.txt")), "39\n37\n1\n1\n");
