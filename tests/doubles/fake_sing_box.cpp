@@ -44,6 +44,7 @@
 // ("Authorization: Bearer <secret>"), else 401.
 #include "doubles/fake_sing_box.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -67,22 +68,37 @@ std::string ReadWholeFile(const std::string& path) {
 }
 
 std::string ArgumentAfter(const std::vector<std::string>& args, const char* name) {
-  for (std::size_t i = 0; i + 1 < args.size(); ++i) {
+  for (std::size_t i = 0; i + 1 < args.size(); ++i)
     if (args[i] == name) return args[i + 1];
-  }
   return {};
 }
 
 // Command line, working directory and the three core variables.
 std::string DescribeInvocation() {
-  std::string text = "commandLine=" + CommandLine() + "\n";
-  text += "workingDirectory=" + CurrentDirectory() + "\n";
+  std::string text = "commandLine=" + CommandLine() + "\nworkingDirectory=" + CurrentDirectory();
   for (const char* name :
        {"ENABLE_DEPRECATED_LEGACY_DNS_SERVERS", "ENABLE_DEPRECATED_OUTBOUND_DNS_RULE_ITEM",
-        "ENABLE_DEPRECATED_MISSING_DOMAIN_RESOLVER"}) {
-    text += std::string(name) + "=" + Variable(name) + "\n";
-  }
-  return text;
+        "ENABLE_DEPRECATED_MISSING_DOMAIN_RESOLVER"})
+    text.append("\n").append(name).append("=").append(Variable(name));
+  return text + "\n";
+}
+
+// The number after `token` in `text`, or -1 when the token is absent.
+long NumberAfter(const std::string& text, const std::string& token) {
+  const std::size_t at = text.find(token);
+  return at == std::string::npos ? -1 : std::strtol(text.c_str() + at + token.size(), nullptr, 10);
+}
+
+// Accepts connections on `listener` for ever, each served on a thread of its own.
+template <typename Handler>
+void ServeForever(Socket listener, Handler handle) {
+  if (listener == kNoSocket) return;
+  std::thread([listener, handle] {
+    for (;;) {
+      const Socket client = Accept(listener);
+      if (client != kNoSocket) std::thread(handle, client).detach();
+    }
+  }).detach();
 }
 
 // --- The controller ----------------------------------------------------------
@@ -100,83 +116,66 @@ std::string ValueAfter(const std::string& text, const std::string& key, std::siz
 
 using ControllerPlan = std::map<std::string, std::string>;
 
-std::string Head(const std::string& lengthLine) {
-  return "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nVary: Origin\r\n" + lengthLine +
-         "\r\n\r\n";
-}
-
 void Serve(Socket client, ControllerPlan plan) {
   std::string request;
   char chunk[4096];
-  while (request.find("\r\n\r\n") == std::string::npos) {
-    const long got = Receive(client, chunk, sizeof(chunk));
-    if (got <= 0) break;
+  for (long got; request.find("\r\n\r\n") == std::string::npos &&
+                 (got = Receive(client, chunk, sizeof(chunk))) > 0;)
     request.append(chunk, static_cast<std::size_t>(got));
-  }
   const std::size_t pathStart = request.find(' ') + 1;
   const std::string path = request.substr(pathStart, request.find(' ', pathStart) - pathStart);
   const std::string& mode = plan["mode"];
-  if (!plan["secret"].empty() &&
-      request.find("\r\nAuthorization: Bearer " + plan["secret"] + "\r\n") == std::string::npos) {
-    const std::string refusal = "{\"message\":\"Unauthorized\"}\n";
-    SendText(client, "HTTP/1.1 401 Unauthorized\r\nContent-Length: " +
-                         std::to_string(refusal.size()) + "\r\n\r\n" + refusal);
-    CloseSocket(client);
-    return;
-  }
+  const std::string head = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nVary: Origin\r\n";
   const std::string document =
       path == "/traffic" ? "{\"up\":" + plan["up"] + ",\"down\":" + plan["down"] + "}\n"
                          : "{\"connections\":[],\"downloadTotal\":" + plan["downloadTotal"] +
                                ",\"memory\":8388608,\"uploadTotal\":" + plan["uploadTotal"] + "}\n";
-  if (mode == "stream" && path == "/traffic") {
+  if (!plan["secret"].empty() &&
+      request.find("\r\nAuthorization: Bearer " + plan["secret"] + "\r\n") == std::string::npos) {
+    SendText(client,
+             "HTTP/1.1 401 Unauthorized\r\nContent-Length: 27\r\n\r\n"
+             "{\"message\":\"Unauthorized\"}\n");
+  } else if (mode == "stream" && path == "/traffic") {
     // The real core writes nothing, not even the status line, before its
     // first tick; the stream never ends by itself.
     char size[16];
     std::snprintf(size, sizeof(size), "%zx\r\n", document.size());
-    for (std::string bytes = Head("Transfer-Encoding: chunked");; bytes.clear()) {
+    for (std::string bytes = head + "Transfer-Encoding: chunked\r\n\r\n";; bytes.clear()) {
       SleepMs(std::strtoul(plan["tick"].c_str(), nullptr, 10));
       if (!SendText(client, bytes + size + document + "\r\n")) break;
     }
   } else if (mode != "silent") {
-    SendText(client, Head("Content-Length: " + std::to_string(document.size())) + document);
-  }
-  // The other modes hold the connection until the client closes it.
-  while (mode != "stream" && Receive(client, chunk, sizeof(chunk)) > 0) {
+    SendText(client,
+             head + "Content-Length: " + std::to_string(document.size()) + "\r\n\r\n" + document);
+  } else {
+    while (Receive(client, chunk, sizeof(chunk)) > 0) {  // held until the client closes it
+    }
   }
   CloseSocket(client);
 }
 
 // Serves the controller that the configuration names, on background threads;
-// nothing when it names none.
+// nothing when it names none (no test needs the core's refusal to start).
 void StartControllerIfConfigured(const std::string& config) {
   const std::string address = ValueAfter(config, "external_controller", 0, "");
   const std::size_t colon = address.rfind(':');
   if (colon == std::string::npos) return;
-  ControllerPlan plan{{"mode", "stream"},     {"up", "0"},      {"down", "0"}, {"uploadTotal", "0"},
-                      {"downloadTotal", "0"}, {"tick", "1000"}, {"secret", ""}};
+  ControllerPlan plan{{"mode", "stream"},     {"up", "0"},     {"down", "0"}, {"uploadTotal", "0"},
+                      {"downloadTotal", "0"}, {"tick", "1000"}};
   const std::size_t marker = config.find("\"x-test-controller\"");
-  for (auto& [key, value] : plan) {
+  for (auto& [key, value] : plan)
     if (marker != std::string::npos) value = ValueAfter(config, key, marker, value);
-  }
   plan["secret"] = ValueAfter(config, "secret", 0, "");
-  const Socket listener =
-      OpenTcp(address.substr(0, colon),
-              static_cast<unsigned short>(std::atoi(address.c_str() + colon + 1)), true);
-  if (listener == kNoSocket) return;  // no controller, as no test needs the core's refusal
-  std::thread([listener, plan] {
-    for (;;) {
-      const Socket client = Accept(listener);
-      if (client != kNoSocket) std::thread(Serve, client, plan).detach();
-    }
-  }).detach();
+  const auto port = static_cast<unsigned short>(std::atoi(address.c_str() + colon + 1));
+  ServeForever(OpenTcp(address.substr(0, colon), port, true),
+               [plan](Socket client) { Serve(client, plan); });
 }
 
 // Copies one direction until its sender ends it, then passes the end on.
 void Pump(Socket from, Socket to) {
   char chunk[4096];
-  for (long got; (got = Receive(from, chunk, sizeof(chunk))) > 0;) {
+  for (long got; (got = Receive(from, chunk, sizeof(chunk))) > 0;)
     if (!SendText(to, std::string(chunk, static_cast<std::size_t>(got)))) break;
-  }
   ShutdownSend(to);
 }
 
@@ -191,29 +190,12 @@ void Relay(Socket client) {
   CloseSocket(client);
 }
 
-void StartRelay(unsigned short port) {
-  const Socket listener = OpenTcp("127.0.0.1", port, true);
-  if (listener == kNoSocket) return;
-  std::thread([listener] {
-    for (;;) {
-      const Socket client = Accept(listener);
-      if (client != kNoSocket) std::thread(Relay, client).detach();
-    }
-  }).detach();
-}
-
 // --- sing-box run -c FILE ----------------------------------------------------
 
 int RunCoreMode(const std::vector<std::string>& args) {
   std::ofstream(RecordsDirectory() / "core-run.txt", std::ios::binary) << DescribeInvocation();
   const std::string config = ReadWholeFile(ArgumentAfter(args, "-c"));
-  const std::string key = "\"x-test-double\":\"";
-  const std::size_t start = config.find(key);
-  const std::string behaviour =
-      start == std::string::npos
-          ? ""
-          : config.substr(start + key.size(),
-                          config.find('"', start + key.size()) - start - key.size());
+  const std::string behaviour = ValueAfter(config, "x-test-double", 0, "");
   if (behaviour == "fatal3") {
     // What a configuration with an unknown member gets, in the colour-wrapped
     // form the real core writes even into a pipe.
@@ -221,44 +203,31 @@ int RunCoreMode(const std::vector<std::string>& args) {
     for (const char* line :
          {"[0000] decode config: json: unknown field \"x-test-double\"",
           "[0000] start service: start inbound/mixed[mixed-in]: listen tcp 127.0.0.1:2080",
-          "[0000] exit status 1"}) {
+          "[0000] exit status 1"})
       text += "\x1b[31mFATAL\x1b[0m" + std::string(line) + "\n";
-    }
     WriteStderr(text);
     return 1;
   }
   if (behaviour == "silent") return 1;
   if (behaviour.starts_with("exit3-after-")) {
     WriteStderr("FATAL[0001] out of memory\nFATAL[0001] runtime: cannot allocate\n");
-    SleepMs(std::strtoul(behaviour.c_str() + 12, nullptr, 10));
+    SleepMs(NumberAfter(behaviour, "after-"));
     return 3;
   }
   StartControllerIfConfigured(config);
-  if (behaviour.starts_with("relay-")) {
-    StartRelay(static_cast<unsigned short>(std::strtoul(behaviour.c_str() + 6, nullptr, 10)));
-  }
+  if (behaviour.starts_with("relay-"))
+    ServeForever(OpenTcp("127.0.0.1", NumberAfter(behaviour, "relay-"), true), Relay);
   StayingUp();
-  if (behaviour.starts_with("die-after-")) {
-    SleepMs(std::strtoul(behaviour.c_str() + 10, nullptr, 10));
-    return 1;
-  }
-  SleepMs(kLongestLifeMs);
-  return 0;
+  const long dieAfter = NumberAfter(behaviour, "die-after-");
+  SleepMs(dieAfter >= 0 ? dieAfter : kLongestLifeMs);
+  return dieAfter >= 0 ? 1 : 0;
 }
 
 // --- sing-box --disable-color -c FILE tools -o TAG fetch URL -----------------
 
-// The number after `token` in `tag`, or -1 when the token is absent.
-long TokenValue(const std::string& tag, const std::string& token) {
-  const std::size_t at = tag.find(token);
-  if (at == std::string::npos) return -1;
-  return std::strtol(tag.c_str() + at + token.size(), nullptr, 10);
-}
-
 int RunToolsMode(const std::vector<std::string>& args) {
-  const std::string configPath = ArgumentAfter(args, "-c");
-  const std::string tag = ArgumentAfter(args, "-o");
-  const std::string url = ArgumentAfter(args, "fetch");
+  const std::string configPath = ArgumentAfter(args, "-c"), tag = ArgumentAfter(args, "-o"),
+                    url = ArgumentAfter(args, "fetch");
   // Named by process id and a steady clock: an id is reused only after its
   // process has ended, and the clock has long moved on by then.
   const std::filesystem::path records = RecordsDirectory() / "fetch";
@@ -266,25 +235,19 @@ int RunToolsMode(const std::vector<std::string>& args) {
   std::filesystem::create_directories(records, ignored);
   const std::string pid = ProcessId();
   const auto now = std::chrono::steady_clock::now().time_since_epoch();
-  const std::string tick =
-      std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
+  const auto tick = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
   std::ofstream(records / (pid + "-" + std::to_string(now.count()) + ".txt"), std::ios::binary)
-      << "pid=" + pid + "\nstartTick=" + tick + "\ntag=" + tag + "\nurl=" + url +
+      << "pid=" + pid + "\nstartTick=" + std::to_string(tick) + "\ntag=" + tag + "\nurl=" + url +
              "\nconfig=" + configPath + "\n" + DescribeInvocation() +
              "configText=" + ReadWholeFile(configPath);
   if (tag.find("hang") != std::string::npos) SleepMs(kLongestLifeMs);
-  const long delay = TokenValue(tag, "delay-");
-  if (delay > 0) SleepMs(static_cast<unsigned long>(delay));
-  const long flood = TokenValue(tag, "flood-");
-  const long exitWith = TokenValue(tag, "exit-");
-  if (flood > 0) {
-    WriteStdout(std::string(static_cast<std::size_t>(flood), 'x'));
-  } else if (exitWith >= 0) {
+  SleepMs(std::max(0L, NumberAfter(tag, "delay-")));
+  const long flood = NumberAfter(tag, "flood-"), exitWith = NumberAfter(tag, "exit-");
+  if (exitWith >= 0 && flood <= 0) {
     WriteStderr("FATAL[0000] Get \"" + url + "\": outbound not found: " + tag + "\n");
     return static_cast<int>(exitWith);
-  } else {
-    WriteStdout("<html>ok</html>\n");
   }
+  WriteStdout(flood > 0 ? std::string(static_cast<std::size_t>(flood), 'x') : "<html>ok</html>\n");
   return 0;
 }
 

@@ -29,11 +29,8 @@ void Write(int fd, const std::string& bytes) {
 void OnTerminate(int) {
   const std::string path = (RecordsDirectory() / "core-signal.txt").string();
   const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (file >= 0) {
-    static const char kText[] = "signal=SIGTERM\n";
-    [[maybe_unused]] const ssize_t ignored = write(file, kText, sizeof(kText) - 1);
-    close(file);
-  }
+  Write(file, "signal=SIGTERM\n");  // nothing written when the open failed
+  if (file >= 0) close(file);
   _exit(0);
 }
 
@@ -53,14 +50,11 @@ std::string CurrentDirectory() {
   return std::filesystem::current_path(ignored).string();
 }
 
-std::string Variable(const char* name) {
-  const char* value = std::getenv(name);
-  return value != nullptr ? value : "";
-}
+std::string Variable(const char* name) { return getenv(name) != nullptr ? getenv(name) : ""; }
 
 std::filesystem::path RecordsDirectory() {
-  const char* records = std::getenv("ORVEL_TEST_RECORDS");
-  return records != nullptr && records[0] != '\0' ? records : "/tmp/orvel-test";
+  const std::string records = Variable("ORVEL_TEST_RECORDS");
+  return records.empty() ? "/tmp/orvel-test" : records;
 }
 
 void WriteStdout(const std::string& bytes) { Write(STDOUT_FILENO, bytes); }
@@ -86,9 +80,8 @@ Socket OpenTcp(const std::string& host, unsigned short port, bool listening) {
   inet_pton(AF_INET, host.c_str(), &address.sin_addr);
   const auto* raw = reinterpret_cast<const sockaddr*>(&address);
   if (listening ? bind(s, raw, sizeof(address)) == 0 && listen(s, SOMAXCONN) == 0
-                : connect(s, raw, sizeof(address)) == 0) {
+                : connect(s, raw, sizeof(address)) == 0)
     return s;
-  }
   close(s);
   return kNoSocket;
 }
