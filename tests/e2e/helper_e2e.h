@@ -12,13 +12,8 @@
 
 namespace orvel::test {
 
-const std::string kNotFound =
-    "HTTP/1.1 404 Not Found\r\nContent-Type: text/plain\r\nContent-Length: 9\r\n"
-    "Connection: close\r\n\r\nnot found";
 const std::string kPong = OkAnswer("text/plain", "pong");
-const std::string kForbidden =
-    "HTTP/1.1 403 Forbidden\r\nContent-Type: text/plain\r\nContent-Length: 9\r\n"
-    "Connection: close\r\n\r\nforbidden";
+const std::string kForbidden = OkAnswer("text/plain", "forbidden", "403 Forbidden");
 
 // A configuration shaped like the client's, with bytes that any re-encoding
 // would change (CRLF, tab, UTF-8, a NUL and a 0xFF at the end).
@@ -59,44 +54,16 @@ inline fs::path DataFile(std::string_view name) { return fs::path(HelperDataDire
 inline void ExpectCoreVariables(const std::map<std::string, std::string>& record) {
   for (const char* name :
        {"ENABLE_DEPRECATED_LEGACY_DNS_SERVERS", "ENABLE_DEPRECATED_OUTBOUND_DNS_RULE_ITEM",
-        "ENABLE_DEPRECATED_MISSING_DOMAIN_RESOLVER"}) {
+        "ENABLE_DEPRECATED_MISSING_DOMAIN_RESOLVER"})
     EXPECT_EQ(record.contains(name) ? record.at(name) : "", "true") << name;
-  }
 }
 
-const std::string kEmptyAnswer = OkAnswer("application/x-ndjson", "");
-const std::string kCanceled = OkAnswer("application/json", "{\"status\":\"canceled\"}");
-const std::string kIgnored = OkAnswer("application/json", "{\"status\":\"ignored\"}");
 constexpr std::string_view kUrl = "http://cp.example.test/generate_204";
 const std::string kUrlTestConfig = "{\"outbounds\":[{\"type\":\"direct\",\"tag\":\"d\"}]}\n";
 
 inline std::string Body(const std::string& id, const std::vector<std::string>& tags,
                         int version = 2) {
   return EncodeUrlTestBody({id, std::string(kUrl), tags, kUrlTestConfig}, version);
-}
-
-// tag -> (delay, tick the line arrived); every line must parse.
-inline std::map<std::string, std::pair<std::int64_t, std::uint64_t>> Results(
-    const UrlTestStream& s) {
-  std::map<std::string, std::pair<std::int64_t, std::uint64_t>> results;
-  for (const auto& [line, tick] : s.lines) {
-    client::UrlTestResult result;
-    EXPECT_TRUE(client::ParseUrlTestResultLine(line, result)) << line;
-    results[result.nodeTag] = {result.delayMs, tick};
-  }
-  return results;
-}
-inline const FetchRecord& RecordOf(const std::vector<FetchRecord>& records,
-                                   const std::string& tag) {
-  static const FetchRecord kNone;
-  const auto found = std::find_if(records.begin(), records.end(),
-                                  [&](const FetchRecord& r) { return r.at("tag") == tag; });
-  return found == records.end() ? kNone : *found;
-}
-
-inline fs::path SessionFile(const ScopedHelper& helper, int sequence) {
-  return fs::path(HelperDataDirectory()) / ("sing-box-urltest-" + std::to_string(helper.Pid()) +
-                                            "-" + std::to_string(sequence) + ".json");
 }
 
 // Asked from 127.0.0.2, so that the helper's end of this very connection is

@@ -86,9 +86,8 @@ inline std::string ReadToEnd(const client::ClientSocket& socket, bool* closedByP
   std::string data;
   char chunk[8192];
   int got;
-  while ((got = client::ReceiveSome(socket, chunk, sizeof(chunk), timeoutMs)) > 0) {
+  while ((got = client::ReceiveSome(socket, chunk, sizeof(chunk), timeoutMs)) > 0)
     data.append(chunk, static_cast<std::size_t>(got));
-  }
   if (closedByPeer != nullptr) *closedByPeer = got == client::kReceiveClosed;
   return data;
 }
@@ -111,15 +110,15 @@ inline client::HttpAnswer Request(std::string_view method, std::string_view path
                                   std::string_view body = {}, unsigned timeoutMs = 30000) {
   client::HttpAnswer answer;
   if (client::Exchange(HelperAddress(), method, path, body, answer, static_cast<int>(timeoutMs)) !=
-      client::ExchangeResult::kAnswered) {
+      client::ExchangeResult::kAnswered)
     answer = {};
-  }
   return answer;
 }
 
-// A 200 answer with the helper's fixed headers around `body`.
-inline std::string OkAnswer(std::string_view contentType, std::string_view body) {
-  return "HTTP/1.1 200 OK\r\nContent-Type: " + std::string(contentType) +
+// An answer (200 unless told) with the helper's fixed headers around `body`.
+inline std::string OkAnswer(std::string_view contentType, std::string_view body,
+                            std::string_view status = "200 OK") {
+  return "HTTP/1.1 " + std::string(status) + "\r\nContent-Type: " + std::string(contentType) +
          "\r\nContent-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" +
          std::string(body);
 }
@@ -138,26 +137,23 @@ inline bool StartUrlTest(const std::string& body, client::ClientSocket& socket) 
 inline UrlTestStream ReadUrlTestStream(const client::ClientSocket& socket) {
   UrlTestStream stream;
   std::string pending;
-  bool inHead = true;
   char chunk[8192];
   int got;
   while ((got = client::ReceiveSome(socket, chunk, sizeof(chunk), 30000)) > 0) {
     pending.append(chunk, static_cast<std::size_t>(got));
-    const std::size_t headEnd = inHead ? pending.find("\r\n\r\n") : 0;
-    if (headEnd == std::string::npos) continue;
-    if (inHead) {
+    if (stream.head.empty()) {
+      const std::size_t headEnd = pending.find("\r\n\r\n");
+      if (headEnd == std::string::npos) continue;
       stream.head = pending.substr(0, headEnd + 4);
       pending.erase(0, headEnd + 4);
-      inHead = false;
     }
     for (std::size_t end; (end = pending.find('\n')) != std::string::npos;
-         pending.erase(0, end + 1)) {
+         pending.erase(0, end + 1))
       stream.lines.emplace_back(pending.substr(0, end), NowMs());
-    }
   }
   stream.closedByPeer = got == client::kReceiveClosed;
   stream.closedTick = NowMs();
-  (inHead ? stream.head : stream.rest) = pending;
+  (stream.head.empty() ? stream.head : stream.rest) = pending;
   return stream;
 }
 
@@ -205,9 +201,8 @@ namespace orvel::test {
 inline int WaitUntilNoCore(unsigned timeoutMs) {
   const std::uint64_t deadline = NowMs() + timeoutMs;
   int left = CountCores();
-  for (; left > 0 && NowMs() < deadline; left = CountCores()) {
+  for (; left > 0 && NowMs() < deadline; left = CountCores())
     std::this_thread::sleep_for(std::chrono::milliseconds(25));
-  }
   return left;
 }
 
@@ -237,34 +232,27 @@ inline void ResetTestRecords() {
   fs::create_directories(RecordPath(""), ec);
 }
 
-inline std::vector<FetchRecord> ReadFetchRecords() {
-  std::vector<FetchRecord> records;
-  std::error_code ec;
-  for (const auto& entry : fs::directory_iterator(RecordPath("fetch"), ec)) {
-    records.push_back(ReadKeyValues(entry.path()));
-  }
-  return records;
-}
-
 // Waits up to timeoutMs for `count` complete records.
 inline std::vector<FetchRecord> WaitForFetchRecords(std::size_t count, unsigned timeoutMs) {
   const std::uint64_t deadline = NowMs() + timeoutMs;
-  for (;;) {
-    std::vector<FetchRecord> records = ReadFetchRecords();
-    const auto complete = std::count_if(records.begin(), records.end(), [](const FetchRecord& r) {
-      return r.contains("configText");
-    });
-    if (static_cast<std::size_t>(complete) >= count || NowMs() > deadline) return records;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  for (;; std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
+    std::vector<FetchRecord> records;
+    std::error_code ec;
+    std::size_t complete = 0;
+    for (const auto& entry : fs::directory_iterator(RecordPath("fetch"), ec)) {
+      records.push_back(ReadKeyValues(entry.path()));
+      complete += records.back().contains("configText");
+    }
+    if (complete >= count || NowMs() > deadline) return records;
   }
 }
+inline std::vector<FetchRecord> ReadFetchRecords() { return WaitForFetchRecords(0, 0); }
 
 // What the core double was started with; it writes that once it runs, which
 // on a loaded machine can come after the helper's answer.
 inline std::map<std::string, std::string> CoreRun() {
-  for (int i = 0; i < 200 && !fs::exists(RecordPath("core-run.txt")); ++i) {
+  for (int i = 0; i < 200 && !fs::exists(RecordPath("core-run.txt")); ++i)
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
   return ReadKeyValues(RecordPath("core-run.txt"));
 }
 
