@@ -70,12 +70,14 @@ void PrepareToInterruptChildren() {}
 namespace {
 
 // A throwaway system account, removed with its group (when it made one) in
-// every outcome.
+// every outcome. Its name ends with this process's pid: the accounts (and
+// the group orvel-vpn) are the machine's, shared with any other run of the
+// suite going on at the same time.
 struct Account {
   std::string name;
   uid_t uid = 0;
   gid_t gid = 0;
-  explicit Account(std::string accountName) : name(std::move(accountName)) {
+  explicit Account(const std::string& prefix) : name(prefix + "-" + std::to_string(getpid())) {
     std::system(("userdel " + name + " >/dev/null 2>&1; useradd --system --no-create-home " +
                  "--user-group " + name + " >/dev/null 2>&1")
                     .c_str());
