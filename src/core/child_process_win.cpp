@@ -6,7 +6,7 @@
 
 #include "core/child_process.h"
 #include "core/command_line.h"
-#include "core/win_handle.h"
+#include "core/unique_handle_win.h"
 
 namespace orvel {
 

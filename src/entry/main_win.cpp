@@ -7,7 +7,7 @@
 #include "api/control_server.h"
 #include "commands/vpn_commands.h"
 #include "core/child_process.h"
-#include "entry/service_host.h"
+#include "entry/service_host_win.h"
 #include "entry/session_end.h"
 
 namespace {

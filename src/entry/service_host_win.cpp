@@ -10,7 +10,7 @@
 #include "core/paths.h"
 #include "core/run_mode.h"
 #include "entry/service_failure_actions.h"
-#include "entry/service_host.h"
+#include "entry/service_host_win.h"
 
 namespace orvel {
 

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <vector>
 
-#include "core/win_handle.h"
+#include "core/unique_handle_win.h"
 #include "traffic/socket_tables.h"
 
 namespace orvel {

@@ -11,7 +11,7 @@
 #include <memory>
 #include <type_traits>
 
-#include "entry/service_host.h"
+#include "entry/service_host_win.h"
 #include "version.h"
 
 namespace orvel::test {
