@@ -96,7 +96,7 @@ TEST(JudgeServiceConfig, RefusesProgramsPathsOutsideTheDataDirectoryAndMachineCh
        {Controller(":9090"), Controller("0.0.0.0:9090"), Controller("[::]:9090"),
         Controller("127.1:9090"), Controller("127.0.0.01:9090"), Controller("::1:9090"),
         Controller("[::1]9090"), Controller("127.0.0.1"), Controller("localhost.:9090"),
-        Controller("128.0.0.1:9090"),
+        Controller("128.0.0.1:9090"), Controller("127.0.0.a:9090"),
         R"({"experimental":{"clash_api":{"external_controller":1}}})"}},
       {"experimental.v2ray_api.listen" + kWide,
        {R"({"experimental":{"v2ray_api":{"listen":"192.168.1.2:8080"}}})"}},
