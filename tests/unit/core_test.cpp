@@ -5,6 +5,7 @@
 #include "core/command_line.h"
 #include "core/config_guard.h"
 #include "core/core_output.h"
+#include "core/host_platform.h"
 #include "core/mixed_port.h"
 #include "core/root_only.h"
 #include "entry/service_failure_actions.h"
@@ -257,4 +258,29 @@ TEST(QuoteCommandLineArgument, BackslashesDoubleOnlyBeforeAQuoteOrTheEnd) {
             LR"("proxy\" -c \"C:\users\Public\evil.json\" -D \"C:\windows\system32"|)");
   EXPECT_EQ(BuildCommandLine(LR"(C:\Program Files\sing-box.exe)", {L"run", L"-c", LR"(C:\a b\)"}),
             LR"("C:\Program Files\sing-box.exe" "run" "-c" "C:\a b\\")");
+}
+
+// The texts the client application reads (and the log line it shows), as each
+// build must say them byte for byte: the end-to-end tests compare answers with
+// this table, so it is pinned here.
+TEST(ThisPlatform, SaysTheTextsOfItsOwnSystem) {
+  const HostPlatform& p = ThisPlatform();
+  const bool win = p.name == "windows";
+  const std::string system = win ? "Windows" : "Linux", core = win ? "sing-box.exe" : "sing-box";
+  EXPECT_EQ(p.name, win ? "windows" : "linux");
+  for (const auto& [text, state] : {std::pair{p.connected, "connected"},
+                                    {p.disconnected, "disconnected"},
+                                    {p.running, "running"},
+                                    {p.idle, "idle"}})
+    EXPECT_EQ(text, system + " helper " + state);
+  EXPECT_EQ(p.tunConnected, system + " TUN helper connected");
+  EXPECT_EQ(p.tunStartedLog, win ? "TUN VPN started through OrvelVpnHelperService"
+                                 : "TUN VPN started through orvel-vpn-helper.service");
+  EXPECT_EQ(p.coreNotFound, core + " not found; place it next to the " +
+                                (win ? "app exe" : "helper") + " or in the data directory");
+  EXPECT_EQ(p.coreLaunchFailed, "Failed to start " + core + ": ");
+  EXPECT_EQ(p.coreExitedImmediately, core + " exited immediately: ");
+  EXPECT_EQ(p.coreExitedUnexpectedly, core + " exited unexpectedly ");
+  EXPECT_EQ(p.coreWatchFailed, "Failed to watch " + core);
+  EXPECT_EQ(p.pathRules, win ? PathRules::kWindows : PathRules::kLinux);
 }
