@@ -139,7 +139,7 @@ void RunFloods(const ScopedHelper& helper) {
 }
 
 void RunMemory(const ScopedHelper& helper) {
-  const std::uint64_t start = ResidentKib(helper.pid);
+  const std::uint64_t start = ResidentKib(helper.Pid());
   std::printf("helper resident: %llu KiB\n", static_cast<unsigned long long>(start));
   const std::string sent = RunAs(kStrangers[0], kStrangers[0], [] {
     client::ClientSocket s;
@@ -154,13 +154,13 @@ void RunMemory(const ScopedHelper& helper) {
   std::printf(
       "a stranger's body of 1 GiB: %s MiB sent before the helper cut it off; resident "
       "after: %llu KiB\n",
-      sent.c_str(), static_cast<unsigned long long>(ResidentKib(helper.pid)));
-  const std::uint64_t before = ResidentKib(helper.pid);
+      sent.c_str(), static_cast<unsigned long long>(ResidentKib(helper.Pid())));
+  const std::uint64_t before = ResidentKib(helper.Pid());
   const std::string longId(4 << 20, 'c');
   for (int i = 0; i < 100; ++i) Request("POST", "/cancel-urltest", longId + std::to_string(i));
   std::printf("100 cancels of 4 MiB ids: resident %llu KiB before, %llu KiB after\n",
               static_cast<unsigned long long>(before),
-              static_cast<unsigned long long>(ResidentKib(helper.pid)));
+              static_cast<unsigned long long>(ResidentKib(helper.Pid())));
 }
 
 }  // namespace

@@ -205,7 +205,7 @@ TEST_F(Helper, SignalsStopInOrderAndNoChildOutlivesTheHelper) {
     ResetTestRecords();
     ASSERT_EQ(Post("/start-tun", Config()), kTunConnected);
     CoreRun();
-    EXPECT_EQ(helper.EndWith(signal), 0);
+    EXPECT_EQ(EndWith(helper, signal), 0);
     EXPECT_EQ(ReadFileBytes(RecordPath("core-signal.txt")), "signal=SIGTERM\n");
     EXPECT_EQ(CountCores(), 0);
     EXPECT_EQ(ExchangeRaw("GET /ping HTTP/1.1\r\n\r\n"), "");
@@ -222,7 +222,7 @@ TEST_F(Helper, SignalsStopInOrderAndNoChildOutlivesTheHelper) {
   client::ClientSocket stream;
   ASSERT_TRUE(StartUrlTest(Body("killed", tags), stream));
   ASSERT_EQ(WaitForFetchRecords(12, 15000).size(), 12u);
-  helper.EndWith(SIGKILL);
+  EndWith(helper, SIGKILL);
   EXPECT_EQ(WaitUntilNoCore(3000), 0);
   EXPECT_EQ(ReadFileBytes(RecordPath("core-signal.txt")), "signal=SIGTERM\n");
 }
@@ -662,7 +662,7 @@ TEST_F(Helper, DesktopProxyIsSetAndEveryUserSettingComesBack) {
   SetUserProxy();
   const std::string user = ProxySettings();
   ASSERT_EQ(Post("/start", Config()), kConnected);
-  helper.EndWith(SIGKILL);
+  EndWith(helper, SIGKILL);
   const std::string bus = std::getenv("DBUS_SESSION_BUS_ADDRESS");
   unsetenv("DBUS_SESSION_BUS_ADDRESS");
   ASSERT_TRUE(Restart(CorePlacement::kBesideExe, {}, true)) << helper.error;
@@ -678,7 +678,7 @@ TEST_F(Helper, DesktopProxyIsSetAndEveryUserSettingComesBack) {
   EXPECT_EQ(ProxySettings(), user);
   EXPECT_TRUE(LogHasLine("Restored the proxy settings saved before the helper last ended"));
   ASSERT_EQ(Post("/start", Config()), kConnected);
-  EXPECT_EQ(helper.EndWith(SIGTERM), 0);
+  EXPECT_EQ(EndWith(helper, SIGTERM), 0);
   EXPECT_EQ(ProxySettings(), user);
   EXPECT_FALSE(fs::exists(autostart));
 
@@ -692,7 +692,7 @@ TEST_F(Helper, DesktopProxyIsSetAndEveryUserSettingComesBack) {
   EXPECT_EQ(command, helper.ExePath().string() + " --restore-proxy");
   EXPECT_EQ(std::get<0>(RunProgram("/bin/sh", {"-c", command})), 0u);
   EXPECT_NE(ProxySettings().find(set2080), std::string::npos);
-  helper.EndWith(SIGKILL);
+  EndWith(helper, SIGKILL);
   EXPECT_EQ(std::get<0>(RunProgram("/bin/sh", {"-c", command})), 0u);
   EXPECT_EQ(ProxySettings(), user);
   EXPECT_FALSE(fs::exists(autostart));
@@ -738,11 +738,13 @@ TEST_F(Helper, DesktopProxyIsSetAndEveryUserSettingComesBack) {
                {"--file", "kioslaverc", "--group", "Proxy Settings", "--key", key, "--", value});
   }
   ASSERT_EQ(Post("/start", Config()), kConnected);
-  EXPECT_EQ(kde({"ProxyType", "httpProxy", "socksProxy", "NoProxyFor"}),
-            "1\nhttp://127.0.0.1:2080\nsocks://127.0.0.1:2080\nlocalhost,127.0.0.1,::1\n");
+  EXPECT_EQ(kde({"ProxyType", "httpProxy", "httpsProxy", "socksProxy", "NoProxyFor"}),
+            "1\nhttp://127.0.0.1:2080\nhttp://127.0.0.1:2080\nsocks://127.0.0.1:2080\n"
+            "localhost,127.0.0.1,::1\n");
   EXPECT_NE(ProxySettings().find(set2080), std::string::npos);
   EXPECT_EQ(Post("/stop"), kDisconnected);
-  EXPECT_EQ(kde({"ProxyType", "httpProxy", "NoProxyFor"}), "0\nabsent\n-internal.example\n");
+  EXPECT_EQ(kde({"ProxyType", "httpProxy", "httpsProxy", "NoProxyFor"}),
+            "0\nabsent\nabsent\n-internal.example\n");
   unsetenv("XDG_CURRENT_DESKTOP");
   helper.Stop();
 }

@@ -22,6 +22,7 @@
 #include "client/answer_text.h"
 #include "client/helper_client.h"
 #include "client/http_exchange.h"
+#include "core/child_process.h"
 #include "core/data_files.h"
 #include "core/host_platform.h"
 
@@ -196,6 +197,72 @@ bool WaitForFirstPong(StillRunning running, std::string& error) {
 #endif
 
 namespace orvel::test {
+
+// A real helper, copied with the core double (as asked) into a folder of its
+// own and started through the helper's own child interface, so it dies with
+// this process however that ends (Linux: the launcher's death signal;
+// Windows: this process's job of children): a failed run must never leave a
+// helper holding port 17891, which fails every later run.
+struct ScopedHelper {
+  ChildProcess child;
+  fs::path directory;  // the folder of this helper's executable
+  std::string error;   // why Start failed
+
+  ScopedHelper() = default;
+  ScopedHelper(const ScopedHelper&) = delete;
+  ScopedHelper& operator=(const ScopedHelper&) = delete;
+  ~ScopedHelper() { Stop(); }
+
+  fs::path ExePath() const { return directory / kHelperFileName; }
+  std::uint32_t Pid() const { return ChildPid(child.process); }
+  bool Running() const { return !HasChildEnded(child.process); }
+
+  // Starts it and waits until "/ping" answers.
+  bool Start(const HelperOptions& options = {}) {
+    KillCores();
+    PrepareHelperStart();
+    if (client::ClientSocket taken; ConnectToHelper(taken)) {
+      error = "port 17891 is already in use by another process; end it before running this test";
+      return false;
+    }
+    directory = WorkDirectory() / SelfPath().stem();
+    std::error_code ec;
+    fs::remove_all(directory, ec);
+    fs::create_directories(directory);
+    fs::copy_file(BinDirectory() / kHelperFileName, ExePath());
+    if (options.core == CorePlacement::kBesideExe)
+      fs::copy_file(DoublesDirectory() / kCoreFileName, directory / kCoreFileName);
+    if (!options.keepDataDirectory) fs::remove_all(HelperDataDirectory(), ec);
+    fs::create_directories(RecordPath(""), ec);
+    // The helper inherits our environment; PATH decides the last search step.
+    const std::string path = PathVariable();
+    if (!options.extraPath.empty())
+      SetPathVariable(PathText(options.extraPath) + kPathListSeparator + path);
+    // Wine has been seen to fail a start once with ERROR_INTERNAL_ERROR right
+    // after another test's processes ended; a second try succeeds.
+    SystemError launchError;
+    bool launched = false;
+    for (int attempt = 0; attempt < 3 && !launched; ++attempt) {
+      if (attempt > 0) std::this_thread::sleep_for(std::chrono::milliseconds(500));
+      launched = LaunchChild({ExePath(), options.arguments, directory}, child, launchError);
+    }
+    SetPathVariable(path);
+    if (!launched) error = "the helper did not start: " + DescribeSystemError(launchError);
+    return launched && WaitForFirstPong([this] { return Running(); }, error);
+  }
+  // Ends the helper and every core double; safe to call twice.
+  void Stop() {
+    Kill();
+    ReleaseChild(child);
+    KillCores();  // belt and braces where job objects are not fully honoured
+  }
+  // Ends the helper process alone, as a crash would: its children are left
+  // to what the helper arranged for them.
+  void Kill() {
+    SignalChild(child.process, ChildSignal::kKill);
+    WaitForChild(child, 10000);
+  }
+};
 
 // Waits up to timeoutMs for no running core double to be left; the count left.
 inline int WaitUntilNoCore(unsigned timeoutMs) {

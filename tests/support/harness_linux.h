@@ -1,8 +1,7 @@
 #pragma once
 
-// The Linux part of the harness (included by harness.h): a real
-// orvel-vpn-helper started with fork and exec in a folder of its own, with an
-// environment the test controls (data, runtime and record directories inside
+// The Linux part of the harness (included by harness.h): an environment the
+// test controls (data, runtime and record directories inside
 // the build tree, never the user's own), the core doubles of this build tree
 // found in /proc, and children that run as another account.
 
@@ -25,8 +24,9 @@ namespace orvel::test {
 
 inline std::string PathText(const fs::path& path) { return path.string(); }
 
-// build/linux/bin: the tests, orvel-vpn-helper and orvelctl.
-inline fs::path BinDirectory() { return fs::read_symlink("/proc/self/exe").parent_path(); }
+// This test program, in build/linux/bin with orvel-vpn-helper and orvelctl.
+inline fs::path SelfPath() { return fs::read_symlink("/proc/self/exe"); }
+inline fs::path BinDirectory() { return SelfPath().parent_path(); }
 // build/linux/bin/doubles: the core double.
 inline fs::path DoublesDirectory() { return BinDirectory() / "doubles"; }
 // Everything a test run writes, and the environment every helper, orvelctl and
@@ -43,6 +43,11 @@ inline const bool kTestEnvironmentSet = [] {
   fs::create_directories(WorkDirectory() / "runtime", ignored);
   return true;
 }();
+
+inline std::string PathVariable() { return std::getenv("PATH"); }
+inline void SetPathVariable(const std::string& value) { setenv("PATH", value.c_str(), 1); }
+constexpr char kPathListSeparator = ':';
+inline void PrepareHelperStart() {}
 
 inline fs::path HelperDataDirectory() { return WorkDirectory() / "data" / "OrvelVPN"; }
 inline fs::path RecordPath(std::string_view name) { return WorkDirectory() / "records" / name; }
@@ -120,63 +125,22 @@ inline int WaitForExit(pid_t pid, unsigned timeoutMs) {
   }
 }
 
-struct ScopedHelper {
-  pid_t pid = -1;
-  fs::path directory;  // the folder of this helper's executable
-  std::string error;   // why Start failed
+// The pid behind a pidfd (its fdinfo names it).
+inline std::uint32_t ChildPid(ChildHandle process) {
+  const std::string info = ReadFileBytes("/proc/self/fdinfo/" + std::to_string(process));
+  const std::size_t at = info.find("\nPid:\t");
+  return at == std::string::npos ? 0 : std::stoul(info.substr(at + 6));
+}
 
-  ScopedHelper() = default;
-  ScopedHelper(const ScopedHelper&) = delete;
-  ScopedHelper& operator=(const ScopedHelper&) = delete;
-  ~ScopedHelper() { Stop(); }
-
-  fs::path ExePath() const { return directory / "orvel-vpn-helper"; }
-  std::uint32_t Pid() const { return static_cast<std::uint32_t>(pid); }
-
-  // Copies the helper (and the core double as asked) into a fresh folder,
-  // starts it and waits until "/ping" answers.
-  bool Start(const HelperOptions& options = {}) {
-    KillCores();
-    if (client::ClientSocket taken; ConnectToHelper(taken)) {
-      error = "port 17891 is already in use by another process; end it before running this test";
-      return false;
-    }
-    directory = WorkDirectory() / fs::read_symlink("/proc/self/exe").filename();
-    std::error_code ec;
-    fs::remove_all(directory, ec);
-    fs::create_directories(directory);
-    fs::copy_file(BinDirectory() / "orvel-vpn-helper", ExePath());
-    if (options.core == CorePlacement::kBesideExe)
-      fs::copy_file(DoublesDirectory() / "sing-box", directory / "sing-box");
-    if (!options.keepDataDirectory) fs::remove_all(HelperDataDirectory(), ec);
-    fs::create_directories(RecordPath(""), ec);
-    // The helper inherits our environment; PATH decides the last search step.
-    const std::string path = options.extraPath.string() + ":" + std::getenv("PATH");
-    pid =
-        StartProgram(ExePath(), options.arguments, directory, "/dev/null", "/dev/null", true, [&] {
-          if (!options.extraPath.empty()) setenv("PATH", path.c_str(), 1);
-        });
-    return WaitForFirstPong([this] { return Running(); }, error);
-  }
-  // Ends the helper and every core double; safe to call twice.
-  void Stop() {
-    if (pid > 0) EndWith(SIGKILL);
-    KillCores();
-  }
-  // `signal` to the helper alone (SIGKILL as a crash would: its children are
-  // left to what the helper arranged for them); its exit code, or -1 when it
-  // did not end in 10 s.
-  int EndWith(int signal) {
-    kill(pid, signal);
-    const int code = WaitForExit(pid, 10000);
-    if (code >= 0) pid = -1;
-    return code;
-  }
-  bool Running() const {
-    int status = 0;
-    return pid > 0 && waitpid(pid, &status, WNOHANG) == 0;
-  }
-};
+// `signal` to the helper alone (SIGKILL as a crash would: its children are
+// left to what the helper arranged for them); its exit code (128 + the
+// signal that ended it), or -1 when it did not end in 10 s.
+template <typename Helper>
+int EndWith(Helper& helper, int signal) {
+  syscall(SYS_pidfd_send_signal, static_cast<int>(helper.child.process), signal, nullptr, 0);
+  if (!WaitForChild(helper.child, 10000) || !helper.child.exit) return -1;
+  return static_cast<int>(helper.child.exit->code) + (helper.child.exit->bySignal ? 128 : 0);
+}
 
 // Runs `exePath` with `arguments` and waits up to 30 s: its exit code (255
 // when it did not start), stdout and stderr. With `interruptAfterFetches`,
@@ -302,6 +266,7 @@ inline std::string FetchCommandLine(const fs::path& exe, const std::string& conf
          "\x1f" + "fetch\x1f" + std::string(url);
 }
 
+constexpr const char* kHelperFileName = "orvel-vpn-helper";
 constexpr const char* kCoreFileName = "sing-box";
 constexpr const char* kOrvelctlFileName = "orvelctl";
 // errno for a core that is a directory (EACCES), and for a file that cannot

@@ -1,8 +1,7 @@
 #pragma once
 
-// The Windows part of the harness (included by harness.h): a real
-// OrvelVpnHelper.exe started through the helper's own child interface (so in
-// this process's job of children), processes by image name, the per-user
+// The Windows part of the harness (included by harness.h): where things lie,
+// other programs run with their own console group, processes by image name, the per-user
 // proxy values as raw registry data, and the records the doubles leave in
 // C:\OrvelTest.
 
@@ -14,8 +13,6 @@
 
 #include <array>
 #include <tuple>
-
-#include "core/child_process.h"
 
 namespace orvel::test {
 
@@ -47,6 +44,7 @@ inline fs::path SelfPath() {
 inline fs::path BinDirectory() { return SelfPath().parent_path(); }
 // build/bin/doubles: sing-box.exe and wininet.dll
 inline fs::path DoublesDirectory() { return BinDirectory() / L"doubles"; }
+inline fs::path WorkDirectory() { return BinDirectory() / L"e2e-work"; }
 // %APPDATA%\OrvelVPN
 inline fs::path HelperDataDirectory() { return fs::path(_wgetenv(L"APPDATA")) / L"OrvelVPN"; }
 // C:\OrvelTest\<name>
@@ -55,6 +53,14 @@ inline fs::path RecordPath(std::string_view name) {
 }
 
 inline std::string PathText(const fs::path& path) { return ChildArgument(path); }
+inline std::string PathVariable() { return PathText(_wgetenv(L"PATH")); }
+inline void SetPathVariable(const std::string& value) {
+  SetEnvironmentVariableW(L"PATH", fs::u8path(value).c_str());
+}
+constexpr char kPathListSeparator = ';';
+inline std::uint32_t ChildPid(ChildHandle process) {
+  return GetProcessId(reinterpret_cast<HANDLE>(process));
+}
 
 inline int CountProcessesNamed(const wchar_t* exeName) {
   int count = 0;
@@ -77,36 +83,6 @@ inline void KillProcessesNamed(const wchar_t* exeName) {
 // reports such an end as kKilledCoreEnd.
 inline void KillCores() { KillProcessesNamed(L"sing-box.exe"); }
 inline constexpr std::string_view kKilledCoreEnd = "(exit code 1)";
-
-struct ScopedHelper {
-  ChildProcess child;  // the helper, in this process's job of children
-  fs::path directory;  // the folder of this helper's exe
-  std::string error;   // why Start failed
-
-  ScopedHelper() = default;
-  ScopedHelper(const ScopedHelper&) = delete;
-  ScopedHelper& operator=(const ScopedHelper&) = delete;
-  ~ScopedHelper() { Stop(); }
-
-  // Copies the helper (and the core double as asked) into a fresh folder,
-  // starts it and waits until "/ping" answers.
-  bool Start(const HelperOptions& options = {});
-  // Ends the helper and with it its job's processes; safe to call twice.
-  void Stop() {
-    Kill();
-    ReleaseChild(child);
-    KillCores();  // belt and braces where job objects are not fully honoured
-  }
-  // Ends the helper process alone, as a crash would; its children are left
-  // to the helper's own job.
-  void Kill() {
-    SignalChild(child.process, ChildSignal::kKill);
-    WaitForChild(child, 10000);
-  }
-  bool Running() const { return !HasChildEnded(child.process); }
-  fs::path ExePath() const { return directory / L"OrvelVpnHelper.exe"; }
-  std::uint32_t Pid() const { return GetProcessId(reinterpret_cast<HANDLE>(child.process)); }
-};
 
 inline RegValue Absent() { return {}; }
 inline RegValue Dword(DWORD number) {
@@ -176,40 +152,7 @@ inline void ForgetLastStartedService() {
   RegSetKeyValueW(HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Control\\ServiceCurrent",
                   nullptr, REG_DWORD, &unused, sizeof(unused));
 }
-
-inline bool ScopedHelper::Start(const HelperOptions& options) {
-  KillCores();
-  ForgetLastStartedService();
-  if (client::ClientSocket taken; ConnectToHelper(taken)) {
-    error = "port 17891 is already in use by another process; end it before running this test";
-    return false;
-  }
-  directory = BinDirectory() / L"e2e-work" / SelfPath().stem();
-  std::error_code ec;
-  fs::remove_all(directory, ec);
-  fs::create_directories(directory);
-  fs::copy_file(BinDirectory() / L"OrvelVpnHelper.exe", ExePath());
-  if (options.core == CorePlacement::kBesideExe)
-    fs::copy_file(DoublesDirectory() / L"sing-box.exe", directory / L"sing-box.exe");
-  if (!options.keepDataDirectory) fs::remove_all(HelperDataDirectory(), ec);
-  fs::create_directories(RecordPath(""), ec);
-
-  // The helper inherits our environment; PATH decides the system search.
-  const std::wstring oldPath = _wgetenv(L"PATH");
-  if (!options.extraPath.empty())
-    SetEnvironmentVariableW(L"PATH", (options.extraPath.wstring() + L";" + oldPath).c_str());
-  // Wine has been seen to fail a start once with ERROR_INTERNAL_ERROR right
-  // after another test's processes ended; a second try succeeds.
-  SystemError launchError;
-  bool launched = false;
-  for (int attempt = 0; attempt < 3 && !launched; ++attempt) {
-    if (attempt > 0) Sleep(500);
-    launched = LaunchChild({ExePath(), {}, directory}, child, launchError);
-  }
-  SetEnvironmentVariableW(L"PATH", oldPath.c_str());
-  if (!launched) error = "the helper did not start: " + DescribeSystemError(launchError);
-  return launched && WaitForFirstPong([this] { return Running(); }, error);
-}
+inline void PrepareHelperStart() { ForgetLastStartedService(); }
 
 // Runs `exePath` with `arguments` (joined by spaces, as a person types them)
 // and waits up to 60 s: its exit code (0xFFFFFFFF when it did not start),
@@ -290,6 +233,7 @@ inline std::string FetchCommandLine(const fs::path& exe, const std::string& conf
          "\" \"tools\" \"-o\" \"" + tag + "\" \"fetch\" \"" + std::string(url) + "\"";
 }
 
+constexpr const char* kHelperFileName = "OrvelVpnHelper.exe";
 constexpr const char* kCoreFileName = "sing-box.exe";
 constexpr const char* kOrvelctlFileName = "orvelctl.exe";
 // The system's code for a core that is a directory, and for a file that
