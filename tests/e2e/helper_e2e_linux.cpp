@@ -590,9 +590,8 @@ TEST_F(Helper, InstallerWritesTheUnitTheRuleAndTheGroupAndTheServiceTellsSystemd
                      PathText(root / "moved dir" / "orvel-vpn-helper") +
                      "\" --service\nrc=3\nrc=3\nrc=0\nrc=0\n")
       << err;
-  const group* entry = getgrnam("orvel-vpn");
-  ASSERT_NE(entry, nullptr);
-  EXPECT_EQ(entry->gr_mem[0] != nullptr ? std::string(entry->gr_mem[0]) : "", user.name);
+  // Other runs on this machine may have members of their own in the group.
+  EXPECT_EQ(std::system(("id -nG " + user.name + " | grep -qw orvel-vpn").c_str()), 0);
   if (madeGroup) std::system("groupdel orvel-vpn");
   // The rule, as polkit runs it: start, stop and restart of this unit for
   // members only.
