@@ -147,6 +147,17 @@ TEST_F(Helper, FailedStartsAndCoresThatDieLeaveNothingBehind) {
   EXPECT_TRUE(closed);
   EXPECT_EQ(Status(), kRunning);
   EXPECT_EQ(Post("/stop"), kDisconnected);
+  // A recovery file that cannot be written costs the crash recovery, not the
+  // start: the user's values still come back at the stop.
+  fs::create_directories(DataFile("proxy-state.txt"));
+  EXPECT_EQ(Post("/start", Config()), kConnected);
+  EXPECT_NE(Logs().find("] Crash recovery is off for this start: the saved proxy settings could "
+                        "not be written: "),
+            std::string::npos);
+  EXPECT_EQ(Post("/stop"), kDisconnected);
+  ResetTestRecords();
+  ExpectUserProxyUntouched();
+  fs::remove_all(DataFile("proxy-state.txt"));
 }
 
 // Real clients overlap: a double click on "connect", a reconnect racing the

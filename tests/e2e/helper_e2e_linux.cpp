@@ -696,17 +696,6 @@ TEST_F(Helper, DesktopProxyIsSetAndEveryUserSettingComesBack) {
   EXPECT_EQ(ProxySettings(), user);
   EXPECT_FALSE(fs::exists(autostart));
 
-  // A recovery file that cannot be written costs the recovery, not the start.
-  ASSERT_TRUE(Restart()) << helper.error;
-  fs::create_directories(DataFile("proxy-state.txt"));
-  EXPECT_EQ(Post("/start", Config()), kConnected);
-  EXPECT_NE(Logs().find("] Crash recovery is off for this start: the saved proxy settings could "
-                        "not be written: "),
-            std::string::npos);
-  EXPECT_EQ(Post("/stop"), kDisconnected);
-  EXPECT_EQ(ProxySettings(), user);
-  fs::remove_all(DataFile("proxy-state.txt"));
-
   // A saved file that names a key the helper never saves is not the
   // helper's: nothing of it is written.
   ASSERT_TRUE(

@@ -162,17 +162,6 @@ TEST_F(Helper, KilledHelperTakesItsCoreAlongAndTheNextKeepsValuesSetSince) {
       LogHasLine("System proxy changed since the helper last set it; kept it and removed "
                  "the saved proxy settings"));
   EXPECT_EQ(ReadWininetCalls(), "");
-  // A state file that cannot be written costs the crash recovery, not the
-  // start: the values still go back at the stop.
-  SetUserProxy();
-  fs::create_directories(DataFile("proxy-state.txt"));
-  EXPECT_EQ(Post("/start", Config()), kConnected);
-  EXPECT_NE(Logs().find("] Crash recovery is off for this start: the saved proxy settings could "
-                        "not be written: "),
-            std::string::npos);
-  EXPECT_EQ(Post("/stop"), kDisconnected);
-  EXPECT_EQ(ReadProxyValues(), kUserProxy);
-  fs::remove_all(DataFile("proxy-state.txt"));
 }
 
 // The user's values come back when the session ends under a running helper,
