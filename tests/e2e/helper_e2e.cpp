@@ -462,9 +462,12 @@ TEST_F(Helper, OrvelctlPrintsTheHelpersAnswersWithItsExitCodesAndCancelsOnCtrlC)
   // body has a space and control bytes.
   std::thread stranger =
       ServeOneAnswer(17998, "HTTP/1.1 200 OK\r\nContent-Length: 8\r\n\r\npo ng\x01\x7F~");
-  // And a log whose control bytes must not reach the terminal.
+  // And a log whose control bytes must not reach the terminal, and an answer
+  // one byte past the 16 MiB that no helper's answer comes near.
   std::thread strangeLog =
       ServeOneAnswer(17997, "HTTP/1.1 200 OK\r\nContent-Length: 13\r\n\r\nA\x1b]0;x\x07\r\nB\rC\n");
+  const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 16777172\r\n\r\n";
+  std::thread huge = ServeOneAnswer(17996, head + std::string((16 << 20) + 1 - head.size(), 'x'));
   const std::string idle(ThisPlatform().idle), tun(ThisPlatform().tunConnected),
       off(ThisPlatform().disconnected);
   // Arguments (split at spaces), then "exit code|stdout|stderr" ('*': any bytes).
@@ -479,6 +482,9 @@ TEST_F(Helper, OrvelctlPrintsTheHelpersAnswersWithItsExitCodesAndCancelsOnCtrlC)
       {"--address 127.0.0.1:17998 ping",
        "7||orvelctl: unexpected answer from 127.0.0.1:17998 to GET /ping: \"po ng\\x01\\x7F~\"\n"},
       {"--address 127.0.0.1:17997 logs", "0|A\\x1B]0;x\\x07\r\nB\\x0DC\n|"},
+      {"--address 127.0.0.1:17996 ping",
+       "7||orvelctl: unexpected answer from 127.0.0.1:17996 to GET /ping: no complete HTTP "
+       "answer\n"},
       {"stop", "0|disconnected: " + off + "\n|"},
       // The nodes are the configuration's proxies, the failure last.
       {"urltest --url=http://cp.example.test/ config.json",
@@ -502,6 +508,7 @@ TEST_F(Helper, OrvelctlPrintsTheHelpersAnswersWithItsExitCodesAndCancelsOnCtrlC)
   }
   stranger.join();
   strangeLog.join();
+  huge.join();
   EXPECT_EQ(ReadFetchRecords().at(0).at("url"), "http://cp.example.test/");
 
   // Ctrl-C must reach orvelctl only, never the test runner.
