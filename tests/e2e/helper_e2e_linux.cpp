@@ -152,17 +152,6 @@ fs::path CopyHelperToTmp() {
   return folder;
 }
 
-// Sends `request` to HOST:PORT and reads the answer to its end.
-std::string ExchangeAt(const char* where, const std::string& request) {
-  client::ClientAddress address;
-  std::string unused;
-  client::ClientSocket s;
-  return client::ParseAddress(where, address, unused) && client::ConnectTo(address, s) &&
-                 client::SendAllBytes(s, request)
-             ? ReadToEnd(s)
-             : "not sent";
-}
-
 // "bound" when this process could listen on [::1]:17891, "taken" when not.
 std::string BindIpv6Loopback() {
   client::ClientSocket s;
@@ -352,7 +341,7 @@ TEST_F(Helper, OnlyItsOwnUsersAreServedAndNoClientHoldsItUp) {
   // still be being answered.
   std::string relayed;
   for (int i = 0; i < 50 && relayed.empty(); ++i) {
-    relayed = stranger.Run([&] { return ExchangeAt("127.0.0.1:17990", stop); });
+    relayed = stranger.Run([&] { return ExchangeRaw(stop, "127.0.0.1:17990"); });
   }
   EXPECT_EQ(relayed, kForbidden);
   EXPECT_EQ(CountCores(), 1);
@@ -367,7 +356,7 @@ TEST_F(Helper, OnlyItsOwnUsersAreServedAndNoClientHoldsItUp) {
             "HTTP/1.1 413 Payload Too Large\r\nContent-Type: text/plain\r\n"
             "Content-Length: 17\r\nConnection: close\r\n\r\nrequest too large");
   // Both loopbacks are the helper's: [::1] answers, and nobody else binds it.
-  EXPECT_EQ(ExchangeAt("[::1]:17891", ping), kPong);
+  EXPECT_EQ(ExchangeRaw(ping, "[::1]:17891"), kPong);
   EXPECT_EQ(stranger.Run([] { return BindIpv6Loopback(); }), "taken");
   ASSERT_EQ(std::system(("usermod -aG orvel-vpn " + stranger.name).c_str()), 0);
   EXPECT_EQ(stranger.Ask(ping), kPong);

@@ -61,10 +61,10 @@ struct HelperOptions {
   std::vector<std::string> arguments;
 };
 
-inline client::ClientAddress HelperAddress() {
+inline client::ClientAddress HelperAddress(std::string_view text = client::kDefaultAddress) {
   client::ClientAddress address;
   std::string unused;
-  client::ParseAddress(client::kDefaultAddress, address, unused);
+  client::ParseAddress(text, address, unused);
   return address;
 }
 
@@ -93,10 +93,13 @@ inline std::string ReadToEnd(const client::ClientSocket& socket, bool* closedByP
   return data;
 }
 
-// Sends `request` byte for byte and returns every byte of the answer.
-inline std::string ExchangeRaw(std::string_view request) {
+// Sends `request` byte for byte (to the helper unless told) and returns every
+// byte of the answer.
+inline std::string ExchangeRaw(std::string_view request,
+                               std::string_view where = client::kDefaultAddress) {
   client::ClientSocket socket;
-  if (!ConnectToHelper(socket) || !client::SendAllBytes(socket, request)) return {};
+  if (!client::ConnectTo(HelperAddress(where), socket) || !client::SendAllBytes(socket, request))
+    return {};
   return ReadToEnd(socket);
 }
 
@@ -263,6 +266,20 @@ struct ScopedHelper {
     WaitForChild(child, 10000);
   }
 };
+
+// Connects from 127.0.0.2, so that the helper's end of the connection is an
+// established endpoint that a snapshot lists (127.0.0.1 is left out).
+inline bool ConnectToHelperFrom127002(client::ClientSocket& s) {
+  const auto own = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  s.handle = static_cast<client::SocketHandle>(own);
+  sockaddr_in from{}, to{};
+  from.sin_family = to.sin_family = AF_INET;
+  from.sin_addr.s_addr = htonl(0x7F000002);
+  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  to.sin_port = htons(kHelperPort);
+  return bind(own, reinterpret_cast<const sockaddr*>(&from), sizeof(from)) == 0 &&
+         connect(own, reinterpret_cast<const sockaddr*>(&to), sizeof(to)) == 0;
+}
 
 // Waits up to timeoutMs for no running core double to be left; the count left.
 inline int WaitUntilNoCore(unsigned timeoutMs) {

@@ -231,12 +231,6 @@ inline bool ConnectToHelperVia(client::ClientSocket& s, bool (*prepare)(int fd))
   const int fd = static_cast<int>(s.handle);
   return prepare(fd) && connect(fd, Ipv4(INADDR_LOOPBACK, kHelperPort).get(), Ipv4::size) == 0;
 }
-// From 127.0.0.2, so that the helper's end of the connection is an
-// established endpoint that a snapshot lists (127.0.0.1 is left out).
-inline bool ConnectToHelperFrom127002(client::ClientSocket& s) {
-  return ConnectToHelperVia(
-      s, [](int fd) { return bind(fd, Ipv4(0x7F000002, 0).get(), Ipv4::size) == 0; });
-}
 // A request over a socket bound to the loopback device, which the kernel
 // finds only when asked for that device; the answer to its end.
 inline std::string ExchangeBoundToLoopback(std::string_view request) {

@@ -199,17 +199,6 @@ inline std::tuple<std::uint32_t, std::string, std::string> RunProgram(
           ReadFileBytes(BinDirectory() / L"run-err.txt")};
 }
 
-// Connects from 127.0.0.2, so that the helper's end of the connection is an
-// established endpoint that a snapshot lists (127.0.0.1 is left out).
-inline bool ConnectToHelperFrom127002(client::ClientSocket& s) {
-  const SOCKET own = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-  s.handle = static_cast<client::SocketHandle>(own);
-  const sockaddr_in from{AF_INET, 0, {{{127, 0, 0, 2}}}, {}},
-      to{AF_INET, htons(kHelperPort), {{{127, 0, 0, 1}}}, {}};
-  return bind(own, reinterpret_cast<const sockaddr*>(&from), sizeof(from)) == 0 &&
-         connect(own, reinterpret_cast<const sockaddr*>(&to), sizeof(to)) == 0;
-}
-
 // How many threads `processId` has now.
 inline int CountThreads(std::uint32_t processId) {
   int count = 0;
