@@ -177,11 +177,11 @@ TEST(SummarizeCoreOutput, FlattensBreaksAndTabsAndCutsAtTheLimit) {
   std::string read;
   for (std::string_view text : {"", "\r\n\t\n", "one\ntwo\nthree\n", "a\r\n\r\n\tb", "  a  \t  b\t",
                                 raw.c_str(), x899.c_str()})
-    read += SummarizeCoreOutput(text, 900) + "|";
+    read += SummarizeCoreOutput(text, kCoreOutputSummaryLimit) + "|";
   EXPECT_EQ(read, "<empty>|<empty>|one two three |a b|  a    b |\x1b[31mnul|" + x899 + "|");
-  EXPECT_EQ(SummarizeCoreOutput(raw, 900), raw);
-  EXPECT_EQ(SummarizeCoreOutput(x899 + "x", 900) + SummarizeCoreOutput("ab\n\n", 3) +
-                SummarizeCoreOutput("anything", 0),
+  EXPECT_EQ(SummarizeCoreOutput(raw, kCoreOutputSummaryLimit), raw);
+  EXPECT_EQ(SummarizeCoreOutput(x899 + "x", kCoreOutputSummaryLimit) +
+                SummarizeCoreOutput("ab\n\n", 3) + SummarizeCoreOutput("anything", 0),
             x899 + "x...ab ...a...");
   // What a running core wrote is kept from its end backwards.
   std::string tail(4000, 'a');
