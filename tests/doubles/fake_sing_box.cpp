@@ -11,6 +11,7 @@
 //   "silent"                 no output, exit 1
 //   "die-after-N"            as absent for N ms, then exit 1 (N decimal)
 //   "exit3-after-N"          two lines on stderr at once, exit 3 after N ms
+//   "ignore-term"            as absent, but deaf to SIGTERM (Linux)
 //   "relay-N"                as absent, and relays every connection to
 //                            127.0.0.1:N on to the helper's port, as the real
 //                            core's mixed inbound does for a CONNECT
@@ -217,7 +218,7 @@ int RunCoreMode(const std::vector<std::string>& args) {
   StartControllerIfConfigured(config);
   if (behaviour.starts_with("relay-"))
     ServeForever(OpenTcp("127.0.0.1", NumberAfter(behaviour, "relay-"), true), Relay);
-  StayingUp();
+  StayingUp(behaviour != "ignore-term");
   const long dieAfter = NumberAfter(behaviour, "die-after-");
   SleepMs(dieAfter >= 0 ? dieAfter : kLongestLifeMs);
   return dieAfter >= 0 ? 1 : 0;

@@ -33,8 +33,8 @@ void WriteStderr(const std::string& bytes);
 // The run mode's platform part once it stays up: on Linux the signal that
 // ends it is recorded (core-signal.txt), and it keeps logging to stderr as
 // the real core does, so a helper that closed its end of the pipe would see
-// it die of SIGPIPE.
-void StayingUp();
+// it die of SIGPIPE. Unless it `obeysTerminate`, SIGTERM is ignored.
+void StayingUp(bool obeysTerminate);
 
 // A TCP socket on host:port, `listening` (address reuse on: tests start a
 // core on the same port again and again, and a connection of the previous one

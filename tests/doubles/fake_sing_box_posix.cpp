@@ -60,8 +60,8 @@ std::filesystem::path RecordsDirectory() {
 void WriteStdout(const std::string& bytes) { Write(STDOUT_FILENO, bytes); }
 void WriteStderr(const std::string& bytes) { Write(STDERR_FILENO, bytes); }
 
-void StayingUp() {
-  signal(SIGTERM, OnTerminate);
+void StayingUp(bool obeysTerminate) {
+  signal(SIGTERM, obeysTerminate ? OnTerminate : SIG_IGN);
   std::thread([] {
     for (int second = 0;; ++second) {
       WriteStderr("INFO[" + std::to_string(second / 10) + "] tick\n");

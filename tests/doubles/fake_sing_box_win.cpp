@@ -29,7 +29,7 @@ std::string Variable(const char* name) { return std::getenv(name) ? std::getenv(
 std::filesystem::path RecordsDirectory() { return L"C:\\OrvelTest"; }
 void WriteStdout(const std::string& bytes) { WriteOut(STD_OUTPUT_HANDLE, bytes); }
 void WriteStderr(const std::string& bytes) { WriteOut(STD_ERROR_HANDLE, bytes); }
-void StayingUp() {}
+void StayingUp(bool) {}
 
 Socket OpenTcp(const std::string& host, unsigned short port, bool listening) {
   WSADATA data{};

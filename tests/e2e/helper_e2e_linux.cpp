@@ -186,6 +186,17 @@ TEST_F(Helper, SignalsStopInOrderAndNoChildOutlivesTheHelper) {
   // The core keeps logging to its output all along; it must still run.
   std::this_thread::sleep_for(std::chrono::milliseconds(500));
   EXPECT_EQ(Status(), kRunning);
+  // A core deaf to SIGTERM is killed 3 s later and reaped: the helper is
+  // left with no child, not even a zombie.
+  ASSERT_EQ(Post("/start-tun", Config("ignore-term")), kTunConnected);
+  CoreRun();
+  EXPECT_EQ(Post("/stop"), kDisconnected);
+  std::string children;
+  std::error_code ec;
+  for (const auto& task :
+       fs::directory_iterator("/proc/" + std::to_string(helper.Pid()) + "/task", ec))
+    children += ReadFileBytes(task.path() / "children");
+  EXPECT_EQ(children, "");
   // SIGTERM, SIGINT and SIGHUP: the core stopped with SIGTERM, exit 0, the
   // port closed.
   for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
