@@ -707,8 +707,10 @@ TEST_F(Helper, DesktopProxyIsSetAndEveryUserSettingComesBack) {
       LogHasLine("Removed an unreadable saved proxy settings file; system proxy left as it is"));
   EXPECT_EQ(ProxySettings(), user);
 
-  // KDE Plasma: kioslaverc too, each key back (an absent one deleted).
+  // KDE Plasma 5 (as its session names itself): kioslaverc too, through the
+  // tools ending in 5, each key back (an absent one deleted).
   setenv("XDG_CURRENT_DESKTOP", "ubuntu:KDE", 1);
+  setenv("KDE_SESSION_VERSION", "5", 1);
   ASSERT_TRUE(Restart()) << helper.error;
   const auto kde = [](std::vector<std::string> keys) {
     std::string values;
@@ -734,6 +736,7 @@ TEST_F(Helper, DesktopProxyIsSetAndEveryUserSettingComesBack) {
   EXPECT_EQ(kde({"ProxyType", "httpProxy", "httpsProxy", "NoProxyFor"}),
             "0\nabsent\nabsent\n-internal.example\n");
   unsetenv("XDG_CURRENT_DESKTOP");
+  unsetenv("KDE_SESSION_VERSION");
   helper.Stop();
 }
 

@@ -9,10 +9,10 @@
 
 using namespace orvel;
 
-static const SavedProxyState kState{7, L"corp:8080", L"*.lan;100%\t\x00E9\x65E5",
+static const SavedProxyState kState{10, L"corp:8080", L"*.lan;100%\t\x00E9\x65E5",
                                     L"http=127.0.0.1:2080"};
 static const std::string kText =
-    "orvel-proxy-state 1\nProxyEnable=7\nProxyServer=corp:8080\n"
+    "orvel-proxy-state 1\nProxyEnable=10\nProxyServer=corp:8080\n"
     "ProxyOverride=*.lan;100%0025%0009%00E9%65E5\nHelperProxyServer=http=127.0.0.1:2080\nend\n";
 
 TEST(ProxyState, EncodesUnitsThatAreNotPlainAsciiAndReadsBackOnlyWholeFilesUpToTheLimit) {
@@ -31,8 +31,8 @@ TEST(ProxyState, EncodesUnitsThatAreNotPlainAsciiAndReadsBackOnlyWholeFilesUpToT
   for (const std::string& bytes :
        {EncodeProxyState(big), std::string(), kText.substr(0, kText.size() - 1),
         kText.substr(0, kText.find("end")), kText + "x", replaced("state 1", "state 2"),
-        replaced("\n", "\r\n"), replaced("ProxyEnable=7", "ProxyEnable=4294967296"),
-        replaced("ProxyEnable=7", "ProxyEnable=-7"), replaced("ProxyEnable=7", "ProxyEnable="),
+        replaced("\n", "\r\n"), replaced("ProxyEnable=10", "ProxyEnable=4294967296"),
+        replaced("ProxyEnable=10", "ProxyEnable=-10"), replaced("ProxyEnable=10", "ProxyEnable="),
         replaced("ProxyServer=", "ProxyServer "), replaced("%00E9", "%00e9"),
         replaced("%00E9", "%0G"), replaced("%65E5", "\xE6\x97\xA5"),
         replaced("HelperProxyServer=http=127.0.0.1:2080", "HelperProxyServer="),
