@@ -1,9 +1,9 @@
 #pragma once
 
 // The Linux part of the harness (included by harness.h): an environment the
-// test controls (data, runtime and record directories inside
-// the build tree, never the user's own), the core doubles of this build tree
-// found in /proc, and children that run as another account.
+// test controls (data, runtime and record directories inside the build tree,
+// never the user's own), the core doubles of this build tree found in /proc,
+// and children that run as another account.
 
 #include <arpa/inet.h>
 #include <fcntl.h>
