@@ -96,6 +96,15 @@ struct Account {
   }
 };
 
+// `signal` to the helper alone (SIGKILL as a crash would: its children are
+// left to what the helper arranged for them); its exit code (128 + the
+// signal that ended it), or -1 when it did not end in 10 s.
+int EndWith(ScopedHelper& helper, int signal) {
+  syscall(SYS_pidfd_send_signal, static_cast<int>(helper.child.process), signal, nullptr, 0);
+  if (!WaitForChild(helper.child, 10000) || !helper.child.exit) return -1;
+  return static_cast<int>(helper.child.exit->code) + (helper.child.exit->bySignal ? 128 : 0);
+}
+
 // Silent connections held open by this process.
 std::vector<client::ClientSocket> OpenSilent(int count) {
   std::vector<client::ClientSocket> sockets(count);

@@ -132,16 +132,6 @@ inline std::uint32_t ChildPid(ChildHandle process) {
   return at == std::string::npos ? 0 : std::stoul(info.substr(at + 6));
 }
 
-// `signal` to the helper alone (SIGKILL as a crash would: its children are
-// left to what the helper arranged for them); its exit code (128 + the
-// signal that ended it), or -1 when it did not end in 10 s.
-template <typename Helper>
-int EndWith(Helper& helper, int signal) {
-  syscall(SYS_pidfd_send_signal, static_cast<int>(helper.child.process), signal, nullptr, 0);
-  if (!WaitForChild(helper.child, 10000) || !helper.child.exit) return -1;
-  return static_cast<int>(helper.child.exit->code) + (helper.child.exit->bySignal ? 128 : 0);
-}
-
 // Runs `exePath` with `arguments` and waits up to 30 s: its exit code (255
 // when it did not start), stdout and stderr. With `interruptAfterFetches`,
 // sends SIGINT once that many test processes have started, as a person's
